@@ -1,0 +1,196 @@
+#include "process/command_runner.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "progress/progress_observer.h"
+
+namespace orvane {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// Records every notification in order, with the time of each tick.
+class RecordingObserver : public ProgressObserver {
+ public:
+  void onOutput(std::string_view chunk) override {
+    events_.push_back("out");
+    output_.append(chunk);
+  }
+  void onTick() override {
+    events_.push_back("tick");
+    ticks_.push_back(Clock::now());
+  }
+  void onFinish() override { events_.push_back("finish"); }
+
+  std::vector<std::string> events_;
+  std::string output_;
+  std::vector<Clock::time_point> ticks_;
+
+  long finishCount() const { return std::count(events_.begin(), events_.end(), "finish"); }
+};
+
+struct ExitCase {
+  std::vector<std::string> argv;
+  int expected;
+};
+
+TEST(RunCommand, MapsExitStatus) {
+  const ExitCase cases[] = {
+      {{"sh", "-c", "exit 0"}, 0},
+      {{"sh", "-c", "exit 3"}, 3},
+      {{"sh", "-c", "exit 255"}, 255},
+      {{"sh", "-c", "kill -9 $$"}, 137},
+      {{"sh", "-c", "kill -15 $$"}, 143},
+      {{"orvane-no-such-program-x"}, 127},
+      {{"/nonexistent/dir/prog"}, 127},
+      {{}, -1},
+  };
+  for (const ExitCase& c : cases) {
+    const CommandResult result = runCommand(c.argv);
+    EXPECT_EQ(c.expected, result.exitCode) << (c.argv.empty() ? "<empty>" : c.argv.back());
+    EXPECT_EQ(c.expected == 0, result.ok());
+  }
+}
+
+TEST(RunCommand, MissingProgramWritesNothingAndFinishesOnce) {
+  RecordingObserver observer;
+  CommandOptions options;
+  options.progress = &observer;
+  const CommandResult result = runCommand({"orvane-no-such-program-x", "arg"}, options);
+  EXPECT_EQ(127, result.exitCode);
+  EXPECT_EQ("", result.stdoutText);
+  EXPECT_EQ("", result.stderrText);
+  EXPECT_EQ(1, observer.finishCount());
+  EXPECT_EQ("finish", observer.events_.back());
+}
+
+TEST(RunCommand, EmptyArgvMakesNoObserverCall) {
+  RecordingObserver observer;
+  CommandOptions options;
+  options.progress = &observer;
+  EXPECT_EQ(-1, runCommand({}, options).exitCode);
+  EXPECT_TRUE(observer.events_.empty());
+}
+
+TEST(RunCommand, PassesArgumentsWithoutAShell) {
+  const CommandResult result = runCommand({"printf", "%s|", "a  b", "$HOME", "*", "-x", ""});
+  EXPECT_EQ(0, result.exitCode);
+  EXPECT_EQ("a  b|$HOME|*|-x||", result.stdoutText);
+}
+
+TEST(RunCommand, KeepsStreamsApartButShowsBothToTheObserver) {
+  RecordingObserver observer;
+  CommandOptions options;
+  options.progress = &observer;
+  const CommandResult result =
+      runCommand({"sh", "-c", "printf out; sleep 0.05; printf err >&2; exit 4"}, options);
+  EXPECT_EQ(4, result.exitCode);
+  EXPECT_EQ("out", result.stdoutText);
+  EXPECT_EQ("err", result.stderrText);
+  EXPECT_EQ("outerr", observer.output_);
+  EXPECT_EQ(1, observer.finishCount());
+  EXPECT_EQ("finish", observer.events_.back());
+}
+
+TEST(RunCommand, StderrOnlyOutputIsCapturedAndObserved) {
+  RecordingObserver observer;
+  CommandOptions options;
+  options.progress = &observer;
+  const CommandResult result = runCommand({"sh", "-c", "echo oops >&2"}, options);
+  EXPECT_EQ(0, result.exitCode);
+  EXPECT_EQ("", result.stdoutText);
+  EXPECT_EQ("oops\n", result.stderrText);
+  EXPECT_EQ("oops\n", observer.output_);
+}
+
+TEST(RunCommand, EmptyInputClosesTheChildsStdinAtOnce) {
+  // cat would wait forever on an open stdin.
+  const CommandResult result = runCommand({"cat"});
+  EXPECT_EQ(0, result.exitCode);
+  EXPECT_EQ("", result.stdoutText);
+}
+
+TEST(RunCommand, InputLargerThanThePipeIsEchoedBackWhole) {
+  // cat writes back while it still has input to read: without interleaved writing
+  // and reading both pipes fill and the pair deadlocks.
+  CommandOptions options;
+  options.stdinData.resize(1 << 20);
+  for (std::size_t i = 0; i < options.stdinData.size(); ++i) {
+    options.stdinData[i] = static_cast<char>('a' + i % 26);
+  }
+  const CommandResult result = runCommand({"cat"}, options);
+  EXPECT_EQ(0, result.exitCode);
+  EXPECT_EQ(options.stdinData.size(), result.stdoutText.size());
+  EXPECT_TRUE(result.stdoutText == options.stdinData);
+}
+
+TEST(RunCommand, ChildThatNeverReadsItsInputDoesNotHangOrKillUs) {
+  CommandOptions options;
+  options.stdinData.assign(1 << 20, 'x');
+  // The child closes its stdin early; our next write fails with EPIPE (and would
+  // raise SIGPIPE, fatal to this test process, if it were not suppressed).
+  const CommandResult result =
+      runCommand({"sh", "-c", "exec 0<&-; sleep 0.1; echo done"}, options);
+  EXPECT_EQ(0, result.exitCode);
+  EXPECT_EQ("done\n", result.stdoutText);
+
+  const CommandResult exited = runCommand({"true"}, options);
+  EXPECT_EQ(0, exited.exitCode);
+}
+
+TEST(RunCommand, ChildGetsDefaultSigpipeEvenWhenCallerIgnoresOrBlocksIt) {
+  struct sigaction ignore {}, saved {};
+  ignore.sa_handler = SIG_IGN;
+  sigemptyset(&ignore.sa_mask);
+  sigaction(SIGPIPE, &ignore, &saved);
+  sigset_t pipeOnly, savedMask;
+  sigemptyset(&pipeOnly);
+  sigaddset(&pipeOnly, SIGPIPE);
+  sigprocmask(SIG_BLOCK, &pipeOnly, &savedMask);
+
+  const CommandResult result = runCommand({"sh", "-c", "kill -PIPE $$; exit 0"});
+
+  sigprocmask(SIG_SETMASK, &savedMask, nullptr);
+  sigaction(SIGPIPE, &saved, nullptr);
+  EXPECT_EQ(128 + SIGPIPE, result.exitCode);
+}
+
+TEST(RunCommand, TicksAboutOncePerIntervalWhileTheChildIsSilent) {
+  RecordingObserver observer;
+  CommandOptions options;
+  options.progress = &observer;
+  options.tickIntervalMs = 100;
+  const CommandResult result = runCommand({"sleep", "0.5"}, options);
+  EXPECT_EQ(0, result.exitCode);
+  // 500 ms of silence: 5 ticks on an idle machine; allow for a loaded one.
+  EXPECT_GE(observer.ticks_.size(), 3u);
+  EXPECT_LE(observer.ticks_.size(), 5u);
+  for (std::size_t i = 1; i < observer.ticks_.size(); ++i) {
+    EXPECT_GE(observer.ticks_[i] - observer.ticks_[i - 1], std::chrono::milliseconds(100));
+  }
+  EXPECT_EQ(1, observer.finishCount());
+}
+
+TEST(RunCommand, OutputDoesNotBringTicksCloserThanTheInterval) {
+  RecordingObserver observer;
+  CommandOptions options;
+  options.progress = &observer;
+  options.tickIntervalMs = 50;
+  const CommandResult result = runCommand(
+      {"sh", "-c", "i=0; while [ $i -lt 30 ]; do echo $i; sleep 0.01; i=$((i+1)); done"},
+      options);
+  EXPECT_EQ(0, result.exitCode);
+  for (std::size_t i = 1; i < observer.ticks_.size(); ++i) {
+    EXPECT_GE(observer.ticks_[i] - observer.ticks_[i - 1], std::chrono::milliseconds(50));
+  }
+  EXPECT_FALSE(observer.ticks_.empty());
+}
+
+}  // namespace
+}  // namespace orvane
