@@ -1,0 +1,132 @@
+#include "libvirt_backend/virsh_libvirt_backend.h"
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string_view>
+
+#include "conversion/errors.h"
+#include "process/command_runner.h"
+
+namespace orvane {
+namespace {
+
+/// virsh pads its listings with trailing blanks and ends them with an empty line;
+/// leading blanks are kept, so " web" never matches "web".
+std::vector<std::string> splitLines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::size_t start = 0;
+  while (start <= text.size()) {
+    std::size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    std::string piece = text.substr(start, end - start);
+    std::size_t last = piece.find_last_not_of(" \t\r");
+    piece.erase(last == std::string::npos ? 0 : last + 1);
+    if (!piece.empty()) lines.push_back(std::move(piece));
+    start = end + 1;
+  }
+  return lines;
+}
+
+CommandResult virsh(std::vector<std::string> args, ProgressObserver* progress = nullptr) {
+  args.insert(args.begin(), "virsh");
+  CommandOptions options;
+  options.progress = progress;
+  options.tickIntervalMs = 100;
+  return runCommand(args, options);
+}
+
+/// Writes `xml` to a fresh "/tmp/orvane-v2v-domain-XXXXXX" and returns its path.
+/// mkstemp creates it exclusively with mode 0600, so no one else can swap or read it.
+std::string writeTempXml(const std::string& xml) {
+  char path[] = "/tmp/orvane-v2v-domain-XXXXXX";
+  int fd = mkstemp(path);
+  if (fd < 0) throw V2vError("Could not create a temp file for the VM XML.");
+  bool written = false;
+  {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << xml;
+    out.close();
+    written = !out.fail();
+  }
+  close(fd);  // never retried on EINTR: the descriptor may already be gone
+  if (!written) {
+    std::remove(path);
+    throw V2vError("Could not create a temp file for the VM XML.");
+  }
+  return path;
+}
+
+}  // namespace
+
+std::optional<std::string> extractPoolPath(const std::string& poolXml) {
+  static constexpr std::string_view kOpen = "<path>";
+  static constexpr std::string_view kClose = "</path>";
+  std::size_t open = poolXml.find(kOpen);
+  if (open == std::string::npos) return std::nullopt;
+  std::size_t start = open + kOpen.size();
+  std::size_t end = poolXml.find(kClose, start);
+  if (end == std::string::npos) return std::nullopt;
+  std::string path = poolXml.substr(start, end - start);
+  std::size_t first = path.find_first_not_of(" \t\n\r");
+  if (first == std::string::npos) return std::nullopt;
+  std::size_t last = path.find_last_not_of(" \t\n\r");
+  return path.substr(first, last - first + 1);
+}
+
+bool VirshLibvirtBackend::isReachable() { return virsh({"version"}).ok(); }
+
+bool VirshLibvirtBackend::networkDefined(const std::string& name) {
+  return virsh({"net-info", name}).ok();
+}
+
+bool VirshLibvirtBackend::networkActive(const std::string& name) {
+  CommandResult result = virsh({"net-list", "--name"});
+  if (!result.ok()) return false;
+  for (const std::string& line : splitLines(result.stdoutText)) {
+    if (line == name) return true;
+  }
+  return false;
+}
+
+std::optional<std::string> VirshLibvirtBackend::defaultPoolPath() {
+  CommandResult result = virsh({"pool-dumpxml", "default"});
+  if (!result.ok() || result.stdoutText.empty()) return std::nullopt;
+  return extractPoolPath(result.stdoutText);
+}
+
+bool VirshLibvirtBackend::domainExists(const std::string& name) {
+  return virsh({"dominfo", name}).ok();
+}
+
+std::vector<std::string> VirshLibvirtBackend::listDomains() {
+  CommandResult result = virsh({"list", "--all", "--name"});
+  if (!result.ok()) return {};
+  return splitLines(result.stdoutText);
+}
+
+std::string VirshLibvirtBackend::dumpDomainXml(const std::string& name) {
+  return virsh({"dumpxml", name}).stdoutText;
+}
+
+void VirshLibvirtBackend::defineDomain(const std::string& xml, ProgressObserver* progress) {
+  std::string path = writeTempXml(xml);
+  CommandResult result = virsh({"define", path}, progress);
+  std::remove(path.c_str());
+  if (!result.ok()) throw V2vError(result.stderrText);
+}
+
+void VirshLibvirtBackend::undefineDomain(const std::string& name) {
+  // A BIOS guest has no variable store, and some libvirt versions refuse the
+  // flag then: the plain form is the fallback, and its answer does not matter.
+  if (virsh({"undefine", name, "--nvram"}).ok()) return;
+  virsh({"undefine", name});
+}
+
+bool VirshLibvirtBackend::refreshPool(const std::string& pool, ProgressObserver* progress) {
+  return virsh({"pool-refresh", pool}, progress).ok();
+}
+
+}  // namespace orvane
