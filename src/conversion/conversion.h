@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "cli/options.h"
@@ -66,6 +67,7 @@ class Conversion {
 
  private:
   void runPreflightChecks();
+  void loadDomainMacs();
 
   Options options_;
   Logger log_;
@@ -114,6 +116,9 @@ class Conversion {
   std::string runLogPending_;
   std::string runLogActive_;
   std::chrono::steady_clock::time_point startTime_;
+  /// Every domain's lower-cased MAC addresses, read once per run for all NICs.
+  std::vector<std::pair<std::string, std::vector<std::string>>> domainMacs_;
+  bool domainMacsLoaded_ = false;
 };
 
 /// Writes the run's outcome record on every way out of `run`.

@@ -1,0 +1,146 @@
+#include "conversion/conversion.h"
+
+#include <csignal>
+#include <filesystem>
+#include <system_error>
+
+#include "boot_fixer/guestfish_boot_fixer.h"
+#include "conversion/errors.h"
+#include "disk_converter/qemu_img_disk_converter.h"
+#include "domain_xml_builder/virt_install_domain_xml_builder.h"
+#include "libvirt_backend/virsh_libvirt_backend.h"
+
+namespace orvane {
+
+volatile std::sig_atomic_t gPendingSignal = 0;
+
+namespace {
+
+// Only records the signal: the main flow acts on it at its next check point, so a
+// running external command is never left half-handled by the handler itself.
+void handleSignal(int signo) { gPendingSignal = signo; }
+
+}  // namespace
+
+Conversion::Conversion(Options options)
+    : Conversion(std::move(options), std::make_unique<VirshLibvirtBackend>(),
+                 std::make_unique<VirtInstallDomainXmlBuilder>(),
+                 std::make_unique<GuestfishBootFixer>(),
+                 std::make_unique<QemuImgDiskConverter>()) {}
+
+Conversion::Conversion(Options options, std::unique_ptr<LibvirtBackend> libvirt,
+                       std::unique_ptr<DomainXmlBuilder> xmlBuilder,
+                       std::unique_ptr<BootFixer> bootFixer,
+                       std::unique_ptr<DiskConverter> diskConverter)
+    : options_(std::move(options)),
+      libvirt_(std::move(libvirt)),
+      xmlBuilder_(std::move(xmlBuilder)),
+      bootFixer_(std::move(bootFixer)),
+      diskConverter_(std::move(diskConverter)),
+      totalSteps_(options_.dryRun ? 3 : 7),
+      startTime_(std::chrono::steady_clock::now()) {
+  log_.setVerbose(options_.verbose);
+}
+
+Conversion::~Conversion() = default;
+
+RunRecorder::~RunRecorder() { conv_.writeApplicationSummary(exitCode_); }
+
+void Conversion::installSignalHandlers() {
+  std::signal(SIGHUP, handleSignal);
+  std::signal(SIGINT, handleSignal);
+  std::signal(SIGTERM, handleSignal);
+}
+
+void Conversion::checkSignal() {
+  if (gPendingSignal != 0) throw V2vInterrupted(gPendingSignal);
+}
+
+// Nothing to check in this build: it does not expire.
+void Conversion::checkExpiration() {}
+
+int Conversion::run() {
+  RunRecorder recorder(*this);
+  installSignalHandlers();
+  int code = kExitFailure;
+  try {
+    checkExpiration();
+    openRunLog();
+    logBanner();
+    validate();
+    checkSignal();
+    ingest();
+    checkSignal();
+    if (options_.dryRun) {
+      code = dryRunSummary();
+    } else {
+      confirmOrAbort();
+      convertDisks();
+      checkSignal();
+      bootFix();
+      checkSignal();
+      defineVm();
+      checkSignal();
+      refreshPool();
+      summarize();
+      code = kExitSuccess;
+    }
+  } catch (const V2vInterrupted& e) {
+    // Deliberately no rollback: what was made stays, and the record says why.
+    code = 128 + e.signo();
+  } catch (const BootNotGuaranteedError& e) {
+    if (!e.alreadyReported()) log_.error(e.what());
+    code = finish(kExitBootNotGuaranteed);
+  } catch (const V2vError& e) {
+    if (!e.alreadyReported()) log_.error(e.what());
+    code = finish(kExitFailure);
+  } catch (const std::exception& e) {
+    log_.error(std::string("Unexpected error: ") + e.what());
+    code = finish(kExitFailure);
+  }
+  recorder.setExitCode(code);
+  return code;
+}
+
+int Conversion::finish(int code) {
+  if (code == 0 || options_.dryRun) return code;
+  bool rolledBack = vmDefined_;
+  if (vmDefined_) {
+    log_.warn("Rolling back: undefining VM '" + vmName_ + "'.");
+    libvirt_->undefineDomain(vmName_);
+  }
+  // Only images this run created, and only inside the output directory: a path
+  // anywhere else is never deleted, whatever the list says.
+  if (!outputDir_.empty()) {
+    const std::string prefix = outputDir_ + "/";
+    for (const std::string& path : createdQcows_) {
+      if (path.compare(0, prefix.size(), prefix) != 0) continue;
+      std::error_code ec;
+      auto status = std::filesystem::symlink_status(path, ec);
+      if (status.type() == std::filesystem::file_type::not_found) continue;
+      log_.warn("Rolling back: deleting " + path);
+      std::filesystem::remove(path, ec);
+      rolledBack = true;
+    }
+  }
+  if (rolledBack) log_.info("Partial conversion rolled back; no Orvane VM left behind.");
+  return code;
+}
+
+void Conversion::noteBlocker(const std::string& message, int code) {
+  if (options_.dryRun) {
+    dryIssues_.push_back(message);
+    return;
+  }
+  std::size_t start = 0;
+  while (true) {
+    std::size_t end = message.find('\n', start);
+    log_.error(message.substr(start, end == std::string::npos ? end : end - start));
+    if (end == std::string::npos) break;
+    start = end + 1;
+  }
+  if (code == kExitBootNotGuaranteed) throw BootNotGuaranteedError(message, "", true);
+  throw V2vError(message, "", true);
+}
+
+}  // namespace orvane

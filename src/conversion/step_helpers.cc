@@ -1,0 +1,72 @@
+#include "conversion/step_helpers.h"
+
+#include <unistd.h>
+
+#include <cctype>
+#include <cstdlib>
+#include <ctime>
+
+#include "logging/logger.h"
+
+namespace orvane {
+
+bool commandExists(const std::string& name) {
+  const char* path = std::getenv("PATH");
+  if (path == nullptr) return false;
+  std::string all = path;
+  std::size_t start = 0;
+  while (start <= all.size()) {
+    std::size_t end = all.find(':', start);
+    if (end == std::string::npos) end = all.size();
+    // An empty element would mean the current directory to a shell; a root tool
+    // must not pick up whatever lies in the directory it was started from.
+    if (end > start) {
+      std::string candidate = all.substr(start, end - start) + "/" + name;
+      if (access(candidate.c_str(), X_OK) == 0) return true;
+    }
+    start = end + 1;
+  }
+  return false;
+}
+
+std::string stripTrailingSlash(std::string s) {
+  if (s.size() >= 2 && s.back() == '/') s.pop_back();
+  return s;
+}
+
+bool endsWithLower(const std::string& s, const std::string& suffix) {
+  if (suffix.size() > s.size()) return false;
+  std::string tail = s.substr(s.size() - suffix.size());
+  for (char& c : tail) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return tail == suffix;
+}
+
+std::string joinSpace(const std::vector<std::string>& words) {
+  std::string out;
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    if (i > 0) out += ' ';
+    out += words[i];
+  }
+  return out;
+}
+
+void errorLines(Logger& log, const std::string& text) {
+  std::size_t start = 0;
+  while (start < text.size()) {
+    std::size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    log.error(text.substr(start, end - start));
+    start = end + 1;
+  }
+}
+
+std::string strftimeNow(const char* format) {
+  std::time_t now = std::time(nullptr);
+  std::tm local{};
+  localtime_r(&now, &local);
+  char buf[64];
+  std::size_t n = std::strftime(buf, sizeof(buf), format, &local);
+  return std::string(buf, n);
+}
+
+}  // namespace orvane

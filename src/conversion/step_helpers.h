@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace orvane {
+
+class Logger;
+
+// Small helpers that several conversion steps share. They live apart from the
+// Conversion class so that they can be tested on their own.
+
+/// True when an executable `name` is found in one of PATH's non-empty elements.
+bool commandExists(const std::string& name);
+/// `s` without one trailing "/" when it has at least two characters; "/" stays "/".
+std::string stripTrailingSlash(std::string s);
+/// Case-insensitive suffix test; `suffix` must be given in lower case.
+bool endsWithLower(const std::string& s, const std::string& suffix);
+std::string joinSpace(const std::vector<std::string>& words);
+/// Logs `text` at error level, one line per line; nothing for an empty text and no
+/// empty line after a final newline.
+void errorLines(Logger& log, const std::string& text);
+/// The local time formatted with strftime.
+std::string strftimeNow(const char* format);
+
+}  // namespace orvane
