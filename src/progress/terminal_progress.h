@@ -10,6 +10,9 @@ namespace orvane {
 /// True when isatty(fd) returns 1.
 bool isTerminal(int fd);
 
+/// One of "|/-\\" chosen by `frame` modulo 4.
+char spinnerCharacter(std::size_t frame);
+
 /// One redrawn terminal line. Draws nothing unless `fd` is a terminal, so that
 /// redirected output never receives carriage returns.
 class TerminalProgress : public ProgressObserver {
