@@ -6,6 +6,7 @@ namespace orvane {
 
 std::string usageText() {
   std::ostringstream out;
+  // clang-format off
   out << kToolName << " v" << kVersion << "\n"
       << "Copyright (c) 2026 Orvane. All rights reserved.\n"
       << "\n"
@@ -44,6 +45,7 @@ std::string usageText() {
       << "  0  success (or dry-run)\n"
       << "  1  validation or conversion failure (partial output rolled back)\n"
       << "  2  could not guarantee boot (refused, or rolled back to avoid a dud)\n";
+  // clang-format on
   return out.str();
 }
 

@@ -13,7 +13,8 @@ std::string nowTimestamp() {
   std::tm local{};
   localtime_r(&now, &local);
   char buffer[32];
-  const std::size_t length = std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M:%S", &local);
+  const std::size_t length =
+      std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M:%S", &local);
   return std::string(buffer, length);
 }
 

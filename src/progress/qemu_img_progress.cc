@@ -18,7 +18,8 @@ QemuImgProgress::QemuImgProgress(std::string label, int fd)
 
 void QemuImgProgress::onOutput(std::string_view chunk) {
   buffer_.append(chunk);
-  if (const std::optional<double> percent = lastQemuImgPercent(buffer_)) percent_ = *percent;
+  if (const std::optional<double> percent = lastQemuImgPercent(buffer_))
+    percent_ = *percent;
   if (buffer_.size() > kBufferCap) buffer_.erase(0, buffer_.size() - kBufferCap);
   render();
 }

@@ -37,7 +37,8 @@ std::optional<double> lastQemuImgPercent(std::string_view text) {
   return value;
 }
 
-std::string formatQemuImgLine(const std::string& label, double percent, std::size_t frame) {
+std::string formatQemuImgLine(const std::string& label, double percent,
+                              std::size_t frame) {
   std::string line = label;
   if (percent < 0) {
     line += ' ';

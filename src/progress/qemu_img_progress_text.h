@@ -14,6 +14,7 @@ std::optional<double> lastQemuImgPercent(std::string_view text);
 
 /// `label`, then " " when `percent` < 0, else " [" + 24-column bar + "] " + "%3d%%" +
 /// " "; then the spinner character for `frame` and a blank.
-std::string formatQemuImgLine(const std::string& label, double percent, std::size_t frame);
+std::string formatQemuImgLine(const std::string& label, double percent,
+                              std::size_t frame);
 
 }  // namespace orvane

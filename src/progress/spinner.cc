@@ -4,7 +4,8 @@
 
 namespace orvane {
 
-Spinner::Spinner(std::string label, int fd) : TerminalProgress(fd), label_(std::move(label)) {}
+Spinner::Spinner(std::string label, int fd)
+    : TerminalProgress(fd), label_(std::move(label)) {}
 
 void Spinner::onTick() {
   draw(label_ + " " + spinnerCharacter(frame_) + " ");

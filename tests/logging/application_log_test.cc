@@ -13,8 +13,8 @@
 namespace orvane {
 namespace {
 
-using testing::TempDir;
 using testing::readFile;
+using testing::TempDir;
 using testing::writeFile;
 
 /// Sends file descriptor 2 to a file for its lifetime; the warnings are written with
@@ -63,7 +63,8 @@ TEST(ApplicationLog, DirectoryThatIsARegularFileIsReportedByPath) {
   writeFile(logDir, "not a directory\n");
   StderrCapture err(dir.file("stderr"));
   appendApplicationLogAt(logDir, logDir + "/orvane-v2v.log", "record");
-  EXPECT_EQ("WARN: Could not create application log directory: " + logDir + "\n", err.text());
+  EXPECT_EQ("WARN: Could not create application log directory: " + logDir + "\n",
+            err.text());
   EXPECT_EQ("not a directory\n", readFile(logDir));
 }
 

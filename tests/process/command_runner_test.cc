@@ -32,7 +32,9 @@ class RecordingObserver : public ProgressObserver {
   std::string output_;
   std::vector<Clock::time_point> ticks_;
 
-  long finishCount() const { return std::count(events_.begin(), events_.end(), "finish"); }
+  long finishCount() const {
+    return std::count(events_.begin(), events_.end(), "finish");
+  }
 };
 
 struct ExitCase {
@@ -42,18 +44,21 @@ struct ExitCase {
 
 TEST(RunCommand, MapsExitStatus) {
   const ExitCase cases[] = {
+      // clang-format off
       {{"sh", "-c", "exit 0"}, 0},
       {{"sh", "-c", "exit 3"}, 3},
       {{"sh", "-c", "exit 255"}, 255},
       {{"sh", "-c", "kill -9 $$"}, 137},
       {{"sh", "-c", "kill -15 $$"}, 143},
-      {{"orvane-no-such-program-x"}, 127},
+      {{"orvane-no-such-program-x"}, 127},  // not on PATH
       {{"/nonexistent/dir/prog"}, 127},
-      {{}, -1},
+      {{}, -1},  // nothing to start
+      // clang-format on
   };
   for (const ExitCase& c : cases) {
     const CommandResult result = runCommand(c.argv);
-    EXPECT_EQ(c.expected, result.exitCode) << (c.argv.empty() ? "<empty>" : c.argv.back());
+    EXPECT_EQ(c.expected, result.exitCode)
+        << (c.argv.empty() ? "<empty>" : c.argv.back());
     EXPECT_EQ(c.expected == 0, result.ok());
   }
 }
@@ -79,7 +84,8 @@ TEST(RunCommand, EmptyArgvMakesNoObserverCall) {
 }
 
 TEST(RunCommand, PassesArgumentsWithoutAShell) {
-  const CommandResult result = runCommand({"printf", "%s|", "a  b", "$HOME", "*", "-x", ""});
+  const CommandResult result =
+      runCommand({"printf", "%s|", "a  b", "$HOME", "*", "-x", ""});
   EXPECT_EQ(0, result.exitCode);
   EXPECT_EQ("a  b|$HOME|*|-x||", result.stdoutText);
 }
@@ -145,7 +151,8 @@ TEST(RunCommand, ChildThatNeverReadsItsInputDoesNotHangOrKillUs) {
 }
 
 TEST(RunCommand, ChildGetsDefaultSigpipeEvenWhenCallerIgnoresOrBlocksIt) {
-  struct sigaction ignore {}, saved {};
+  struct sigaction ignore {};
+  struct sigaction saved {};
   ignore.sa_handler = SIG_IGN;
   sigemptyset(&ignore.sa_mask);
   sigaction(SIGPIPE, &ignore, &saved);
@@ -172,7 +179,8 @@ TEST(RunCommand, TicksAboutOncePerIntervalWhileTheChildIsSilent) {
   EXPECT_GE(observer.ticks_.size(), 3u);
   EXPECT_LE(observer.ticks_.size(), 5u);
   for (std::size_t i = 1; i < observer.ticks_.size(); ++i) {
-    EXPECT_GE(observer.ticks_[i] - observer.ticks_[i - 1], std::chrono::milliseconds(100));
+    EXPECT_GE(observer.ticks_[i] - observer.ticks_[i - 1],
+              std::chrono::milliseconds(100));
   }
   EXPECT_EQ(1, observer.finishCount());
 }

@@ -16,23 +16,24 @@ TEST(LastQemuImgPercent, Table) {
       {"    (42.17/100%)\r", 42.17},
       {"(0.00/100%)", 0.0},
       {"(100.00/100%)", 100.0},
-      {"(  7.5/100%)", 7.5},              // leading blanks
-      {"(12.5abc/100%)", 12.5},           // trailing text ignored
+      {"(  7.5/100%)", 7.5},                   // leading blanks
+      {"(12.5abc/100%)", 12.5},                // trailing text ignored
       {"(10.00/100%)\r(20.00/100%)\r", 20.0},  // newest wins
-      {"(30/100%)\r(abc/100%)", std::nullopt},  // the newest decides, and it is not a number
+      {"(30/100%)\r(abc/100%)",
+       std::nullopt},  // the newest decides, and it is not a number
       {"(abc/100%)", std::nullopt},
       {"(150/100%)", std::nullopt},
       {"(-1/100%)", std::nullopt},
       {"(100.01/100%)", std::nullopt},
-      {"(1e999/100%)", std::nullopt},     // out of range
+      {"(1e999/100%)", std::nullopt},  // out of range
       {"(nan/100%)", std::nullopt},
       {"(/100%)", std::nullopt},
-      {"42/100%)", std::nullopt},         // no opening parenthesis
-      {"(42.0/100%", std::nullopt},       // not complete yet
+      {"42/100%)", std::nullopt},    // no opening parenthesis
+      {"(42.0/100%", std::nullopt},  // not complete yet
       {"/100%)", std::nullopt},
       {"(5", std::nullopt},
       {"", std::nullopt},
-      {"(1 (2/100%)", 2.0},               // the "(" nearest to the marker
+      {"(1 (2/100%)", 2.0},  // the "(" nearest to the marker
   };
   for (const auto& c : cases) {
     EXPECT_EQ(c.expected, lastQemuImgPercent(c.text)) << '"' << c.text << '"';

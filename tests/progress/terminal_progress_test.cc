@@ -58,7 +58,7 @@ TEST(TerminalProgress, DrawsAndClearsOnATerminal) {
   line.draw("short");
   EXPECT_EQ("\rshort      ", pty.take());  // blanks what is left of the longer line
   line.draw("mid text");
-  EXPECT_EQ("\rmid text", pty.take());     // padding is measured from "short", not drawn
+  EXPECT_EQ("\rmid text", pty.take());  // padding is measured from "short", not drawn
   line.onFinish();
   EXPECT_EQ("\r        \r", pty.take());
   line.onFinish();
