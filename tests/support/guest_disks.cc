@@ -86,7 +86,7 @@ std::string missingGuestDiskPrerequisites() {
   }
   if (hostKernel().empty()) missing += std::string(missing.empty() ? "" : ", ") + "/boot/vmlinuz-*";
   if (missing.empty()) return "";
-  return "missing " + missing + " (run scripts/install-deps)";
+  return "missing " + missing + " (run scripts/host-setup)";
 }
 
 std::string guestDiskImage(GuestDiskKind kind) {
