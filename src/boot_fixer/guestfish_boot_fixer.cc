@@ -74,7 +74,8 @@ BootFixResult GuestfishBootFixer::ensureEfiFallback(const std::vector<std::strin
   // The probe's exit status says nothing useful: a missing /EFI/Microsoft makes
   // `exists` answer false, and a failed mount leaves no lines, which decides
   // "no source" on its own.
-  CommandResult probe = runGuestfish(diskArgs("--ro", disks), probeScript(*esp), progress);
+  CommandResult probe =
+      runGuestfish(diskArgs("--ro", disks), probeScript(*esp), progress);
   EspDecision decision = decideFromProbe(probe.stdoutText);
   switch (decision.kind) {
     case EspDecision::Kind::kAlreadyPresent:
@@ -88,7 +89,8 @@ BootFixResult GuestfishBootFixer::ensureEfiFallback(const std::vector<std::strin
   CommandResult write =
       runGuestfish(diskArgs("--rw", disks), writeScript(*esp, decision), progress);
   if (!write.ok()) {
-    return {BootFixOutcome::kError, "libguestfs failed to write the fallback bootloader."};
+    return {BootFixOutcome::kError,
+            "libguestfs failed to write the fallback bootloader."};
   }
   return {BootFixOutcome::kApplied, decision.note};
 }

@@ -9,8 +9,9 @@ CommandResult QemuImgDiskConverter::convert(const std::string& source,
   CommandOptions options;
   options.progress = progress;
   options.tickIntervalMs = 100;
-  return runCommand({"qemu-img", "convert", "-p", "-f", "vmdk", "-O", "qcow2", source, target},
-                    options);
+  return runCommand(
+      {"qemu-img", "convert", "-p", "-f", "vmdk", "-O", "qcow2", source, target},
+      options);
 }
 
 }  // namespace orvane

@@ -6,6 +6,8 @@
 namespace orvane {
 
 std::vector<std::string> buildVirtInstallArgv(const DomainSpec& spec) {
+  // Option and value on one line each, as virt-install reads them.
+  // clang-format off
   std::vector<std::string> argv = {
       "virt-install",
       "--name", spec.vmName,
@@ -14,6 +16,7 @@ std::vector<std::string> buildVirtInstallArgv(const DomainSpec& spec) {
       "--osinfo", spec.osinfo,
       "--clock", "offset=" + spec.clockOffset,
   };
+  // clang-format on
   // A BIOS guest keeps virt-install's default machine type; UEFI needs q35.
   if (spec.uefi) argv.insert(argv.end(), {"--boot", "uefi", "--machine", "q35"});
   for (const DomainSpec::Disk& disk : spec.disks) {
@@ -27,7 +30,8 @@ std::vector<std::string> buildVirtInstallArgv(const DomainSpec& spec) {
     argv.push_back(std::move(value));
   }
   // --import takes the disks as they are; --print-xml creates nothing.
-  argv.insert(argv.end(), {"--video", "vga", "--graphics", "vnc", "--import", "--print-xml"});
+  argv.insert(argv.end(),
+              {"--video", "vga", "--graphics", "vnc", "--import", "--print-xml"});
   return argv;
 }
 

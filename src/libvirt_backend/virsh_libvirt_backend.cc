@@ -111,7 +111,8 @@ std::string VirshLibvirtBackend::dumpDomainXml(const std::string& name) {
   return virsh({"dumpxml", name}).stdoutText;
 }
 
-void VirshLibvirtBackend::defineDomain(const std::string& xml, ProgressObserver* progress) {
+void VirshLibvirtBackend::defineDomain(const std::string& xml,
+                                       ProgressObserver* progress) {
   std::string path = writeTempXml(xml);
   CommandResult result = virsh({"define", path}, progress);
   std::remove(path.c_str());
@@ -125,7 +126,8 @@ void VirshLibvirtBackend::undefineDomain(const std::string& name) {
   virsh({"undefine", name});
 }
 
-bool VirshLibvirtBackend::refreshPool(const std::string& pool, ProgressObserver* progress) {
+bool VirshLibvirtBackend::refreshPool(const std::string& pool,
+                                      ProgressObserver* progress) {
   return virsh({"pool-refresh", pool}, progress).ok();
 }
 

@@ -53,16 +53,22 @@ class FakeGuestfish {
   explicit FakeGuestfish(const Script& s) {
     writeFile(tools_.dir() + "/listing.out", s.listing);
     writeFile(tools_.dir() + "/probe.out", s.probe);
-    tools_.addRecording(
-        "guestfish",
-        "case \"$*\" in\n"
-        "  *list-filesystems*) cat '" + tools_.dir() + "/listing.out'; exit " +
-            std::to_string(s.listingExit) + ";;\n"
-        "  *\"mount-ro " + s.espDevice + " / : is-dir\"*) echo true; exit 0;;\n"
-        "  *is-dir*) echo false; exit 0;;\n"
-        "esac\n"
-        "if [ \"$1\" = --rw ]; then exit " + std::to_string(s.writeExit) + "; fi\n"
-        "cat '" + tools_.dir() + "/probe.out'\n");
+    tools_.addRecording("guestfish",
+                        "case \"$*\" in\n"
+                        "  *list-filesystems*) cat '" +
+                            tools_.dir() + "/listing.out'; exit " +
+                            std::to_string(s.listingExit) +
+                            ";;\n"
+                            "  *\"mount-ro " +
+                            s.espDevice +
+                            " / : is-dir\"*) echo true; exit 0;;\n"
+                            "  *is-dir*) echo false; exit 0;;\n"
+                            "esac\n"
+                            "if [ \"$1\" = --rw ]; then exit " +
+                            std::to_string(s.writeExit) +
+                            "; fi\n"
+                            "cat '" +
+                            tools_.dir() + "/probe.out'\n");
   }
   std::vector<Argv> calls() const { return tools_.calls("guestfish"); }
   std::vector<std::string> stdins() const { return tools_.stdins("guestfish"); }
@@ -71,7 +77,8 @@ class FakeGuestfish {
   FakeTools tools_;
 };
 
-const Argv kDisks = {"/var/lib/images/my vm-sda.qcow2", "/var/lib/images/my vm-sdb.qcow2"};
+const Argv kDisks = {"/var/lib/images/my vm-sda.qcow2",
+                     "/var/lib/images/my vm-sdb.qcow2"};
 const Argv kRo = {"--ro", "-a", kDisks[0], "-a", kDisks[1]};
 const Argv kRw = {"--rw", "-a", kDisks[0], "-a", kDisks[1]};
 
@@ -92,11 +99,12 @@ std::string probeScript(const std::string& device) {
 }
 
 TEST(GuestfishBootFixer, ShimOnSecondFatPartitionIsCopiedWithItsGrub) {
-  FakeGuestfish fish(FakeGuestfish::S()
-                         .withListing("/dev/sda1: vfat\n/dev/sda2: ext4\n/dev/sdb1: vfat\n")
-                         .withEsp("/dev/sdb1")
-                         .withProbe("false\nfalse\n/BOOT\n/ubuntu\n/ubuntu/grubx64.efi\n"
-                                    "/ubuntu/shimx64.efi\n"));
+  FakeGuestfish fish(
+      FakeGuestfish::S()
+          .withListing("/dev/sda1: vfat\n/dev/sda2: ext4\n/dev/sdb1: vfat\n")
+          .withEsp("/dev/sdb1")
+          .withProbe("false\nfalse\n/BOOT\n/ubuntu\n/ubuntu/grubx64.efi\n"
+                     "/ubuntu/shimx64.efi\n"));
   FinishCounter progress;
   BootFixResult r = GuestfishBootFixer().ensureEfiFallback(kDisks, &progress);
 
@@ -115,7 +123,8 @@ TEST(GuestfishBootFixer, ShimOnSecondFatPartitionIsCopiedWithItsGrub) {
 }
 
 TEST(GuestfishBootFixer, WindowsBootManagerIsCopiedAlone) {
-  FakeGuestfish fish(FakeGuestfish::S().withProbe("false\ntrue\nMicrosoft/Boot/bootmgfw.efi\n"));
+  FakeGuestfish fish(
+      FakeGuestfish::S().withProbe("false\ntrue\nMicrosoft/Boot/bootmgfw.efi\n"));
   BootFixResult r = GuestfishBootFixer().ensureEfiFallback(kDisks, nullptr);
 
   EXPECT_EQ(r.outcome, BootFixOutcome::kApplied);
@@ -138,18 +147,36 @@ TEST(GuestfishBootFixer, OutcomesWithoutWrite) {
   using S = FakeGuestfish::S;
   const Argv list = concat(kRo, {"run", ":", "list-filesystems"});
   const Case cases[] = {
-      {"listing fails", S().withListing("/dev/sda1: vfat\n", 1), BootFixOutcome::kError,
-       "libguestfs could not read the converted disk(s).", {list}},
-      {"no FAT", S().withListing("/dev/sda1: ext4\n/dev/sda2: swap\n"), BootFixOutcome::kNoEsp, "",
+      {"listing fails",
+       S().withListing("/dev/sda1: vfat\n", 1),
+       BootFixOutcome::kError,
+       "libguestfs could not read the converted disk(s).",
        {list}},
-      {"FAT without /EFI", S().withEsp("/dev/none"), BootFixOutcome::kNoEsp, "",
+      {"no FAT",
+       S().withListing("/dev/sda1: ext4\n/dev/sda2: swap\n"),
+       BootFixOutcome::kNoEsp,
+       "",
+       {list}},
+      {"FAT without /EFI",
+       S().withEsp("/dev/none"),
+       BootFixOutcome::kNoEsp,
+       "",
        {list, isDir("/dev/sda1")}},
-      {"fallback present", S().withProbe("true\ntrue\nBOOT/BOOTX64.EFI\n"), BootFixOutcome::kApplied,
-       "fallback bootloader already present (left as-is)", {list, isDir("/dev/sda1"), kRo}},
-      {"empty probe", S().withProbe(""), BootFixOutcome::kAmbiguous, "",
+      {"fallback present",
+       S().withProbe("true\ntrue\nBOOT/BOOTX64.EFI\n"),
+       BootFixOutcome::kApplied,
+       "fallback bootloader already present (left as-is)",
        {list, isDir("/dev/sda1"), kRo}},
-      {"two grubs", S().withProbe("false\nfalse\na/grubx64.efi\nb/grubx64.efi\n"),
-       BootFixOutcome::kAmbiguous, "", {list, isDir("/dev/sda1"), kRo}},
+      {"empty probe",
+       S().withProbe(""),
+       BootFixOutcome::kAmbiguous,
+       "",
+       {list, isDir("/dev/sda1"), kRo}},
+      {"two grubs",
+       S().withProbe("false\nfalse\na/grubx64.efi\nb/grubx64.efi\n"),
+       BootFixOutcome::kAmbiguous,
+       "",
+       {list, isDir("/dev/sda1"), kRo}},
   };
   for (const Case& c : cases) {
     FakeGuestfish fish(c.script);
@@ -161,7 +188,8 @@ TEST(GuestfishBootFixer, OutcomesWithoutWrite) {
 }
 
 TEST(GuestfishBootFixer, FailedWriteIsAnError) {
-  FakeGuestfish fish(FakeGuestfish::S().withProbe("false\nfalse\nfedora/grubx64.efi\n", 1));
+  FakeGuestfish fish(
+      FakeGuestfish::S().withProbe("false\nfalse\nfedora/grubx64.efi\n", 1));
   BootFixResult r = GuestfishBootFixer().ensureEfiFallback(kDisks, nullptr);
 
   EXPECT_EQ(r.outcome, BootFixOutcome::kError);

@@ -25,13 +25,18 @@ TEST(QemuImgDiskConverter, PathsWithSpacesStaySingleArguments) {
   tools.addRecording("qemu-img", "printf '    (0.00/100%%)\\r    (100.00/100%%)\\r\\n'");
   OutputRecorder progress;
 
-  CommandResult r = QemuImgDiskConverter().convert("/vm store/My VM/My VM.vmdk",
-                                                   "/var/lib/libvirt/images/My VM.qcow2",
-                                                   &progress);
+  CommandResult r = QemuImgDiskConverter().convert(
+      "/vm store/My VM/My VM.vmdk", "/var/lib/libvirt/images/My VM.qcow2", &progress);
 
   EXPECT_TRUE(r.ok());
-  const Argv expected = {"convert", "-p", "-f", "vmdk", "-O", "qcow2",
-                         "/vm store/My VM/My VM.vmdk", "/var/lib/libvirt/images/My VM.qcow2"};
+  const Argv expected = {"convert",
+                         "-p",
+                         "-f",
+                         "vmdk",
+                         "-O",
+                         "qcow2",
+                         "/vm store/My VM/My VM.vmdk",
+                         "/var/lib/libvirt/images/My VM.qcow2"};
   EXPECT_EQ(tools.calls("qemu-img"), std::vector<Argv>{expected});
   EXPECT_EQ(tools.stdins("qemu-img"), std::vector<std::string>{""});
   EXPECT_EQ(progress.seen, "    (0.00/100%)\r    (100.00/100%)\r\n");
@@ -43,7 +48,8 @@ TEST(QemuImgDiskConverter, ResultComesBackUnchangedWithoutObserver) {
             "echo '    (12.00/100%)'\n"
             "echo \"qemu-img: Could not open '$7': No such file\" >&2\nexit 1");
 
-  CommandResult r = QemuImgDiskConverter().convert("/src/a.vmdk", "/dst/a.qcow2", nullptr);
+  CommandResult r =
+      QemuImgDiskConverter().convert("/src/a.vmdk", "/dst/a.qcow2", nullptr);
 
   EXPECT_EQ(r.exitCode, 1);
   EXPECT_EQ(r.stdoutText, "    (12.00/100%)\n");

@@ -29,12 +29,14 @@ DomainSpec biosSpec() {
 }
 
 TEST(BuildVirtInstallArgv, BiosOneDiskOneNicWithoutMac) {
+  // clang-format off
   const Argv expected = {
       "virt-install", "--name", "web01", "--vcpus", "2", "--memory", "4096",
       "--osinfo", "detect=on,require=off", "--clock", "offset=utc",
       "--disk", "path=/var/lib/libvirt/images/web01.qcow2,format=qcow2,bus=sata",
       "--network", "network=default,model=e1000",
       "--video", "vga", "--graphics", "vnc", "--import", "--print-xml"};
+  // clang-format on
   Argv argv = buildVirtInstallArgv(biosSpec());
   EXPECT_EQ(argv.size(), 21u);
   EXPECT_EQ(argv, expected);
@@ -46,18 +48,23 @@ TEST(BuildVirtInstallArgv, Variants) {
     void (*change)(DomainSpec&);
     Argv middle;  // everything between "offset=utc" and "--video"
   };
-  const std::string disk = "path=/var/lib/libvirt/images/web01.qcow2,format=qcow2,bus=sata";
+  const std::string disk =
+      "path=/var/lib/libvirt/images/web01.qcow2,format=qcow2,bus=sata";
   const Case cases[] = {
-      {"uefi", [](DomainSpec& s) { s.uefi = true; },
+      {"uefi",
+       [](DomainSpec& s) { s.uefi = true; },
        {"--boot", "uefi", "--machine", "q35", "--disk", disk, "--network",
         "network=default,model=e1000"}},
       {"macs and several devices in order",
        [](DomainSpec& s) {
          s.disks.push_back({"/srv/vm dir/web01-sdb.qcow2", "virtio"});
-         s.nics = {{"virtio", "00:50:56:aa:bb:cc"}, {"e1000", ""}, {"e1000", "00:0c:29:01:02:03"}};
+         s.nics = {{"virtio", "00:50:56:aa:bb:cc"},
+                   {"e1000", ""},
+                   {"e1000", "00:0c:29:01:02:03"}};
        },
-       {"--disk", disk, "--disk", "path=/srv/vm dir/web01-sdb.qcow2,format=qcow2,bus=virtio",
-        "--network", "network=default,model=virtio,mac=00:50:56:aa:bb:cc", "--network",
+       {"--disk", disk, "--disk",
+        "path=/srv/vm dir/web01-sdb.qcow2,format=qcow2,bus=virtio", "--network",
+        "network=default,model=virtio,mac=00:50:56:aa:bb:cc", "--network",
         "network=default,model=e1000", "--network",
         "network=default,model=e1000,mac=00:0c:29:01:02:03"}},
       {"no disks, no nics",
@@ -70,8 +77,10 @@ TEST(BuildVirtInstallArgv, Variants) {
   for (const Case& c : cases) {
     DomainSpec spec = biosSpec();
     c.change(spec);
-    Argv expected = {"virt-install", "--name", "web01", "--vcpus", "2", "--memory", "4096",
-                     "--osinfo", "detect=on,require=off", "--clock", "offset=utc"};
+    Argv expected = {"virt-install", "--name",    "web01",
+                     "--vcpus",      "2",         "--memory",
+                     "4096",         "--osinfo",  "detect=on,require=off",
+                     "--clock",      "offset=utc"};
     expected.insert(expected.end(), c.middle.begin(), c.middle.end());
     expected.insert(expected.end(),
                     {"--video", "vga", "--graphics", "vnc", "--import", "--print-xml"});
@@ -96,7 +105,8 @@ class FinishCounter : public ProgressObserver {
 
 TEST(VirtInstallDomainXmlBuilder, RunsTheCommandAndReturnsItsOutput) {
   FakeTools tools;
-  writeFile(tools.dir() + "/xml.out", "<domain type=\"kvm\">\n  <name>web01</name>\n</domain>\n");
+  writeFile(tools.dir() + "/xml.out",
+            "<domain type=\"kvm\">\n  <name>web01</name>\n</domain>\n");
   tools.addRecording("virt-install", "cat '" + tools.dir() + "/xml.out'\necho noise >&2");
   FinishCounter progress;
 
@@ -113,7 +123,8 @@ TEST(VirtInstallDomainXmlBuilder, RunsTheCommandAndReturnsItsOutput) {
 TEST(VirtInstallDomainXmlBuilder, FailureThrowsTheToolsErrorText) {
   FakeTools tools;
   tools.add("virt-install",
-            "echo '<partial/>'\necho 'ERROR    Error: --disk path=x: No such file' >&2\nexit 1");
+            "echo '<partial/>'\necho 'ERROR    Error: --disk path=x: No such file' "
+            ">&2\nexit 1");
   try {
     VirtInstallDomainXmlBuilder().buildDomainXml(biosSpec(), nullptr);
     FAIL() << "no exception";

@@ -57,8 +57,8 @@ class FinishCounter : public ProgressObserver {
 /// A recording fake virsh that prints `out` and exits with `exitCode`.
 void addVirsh(FakeTools& tools, const std::string& out, int exitCode) {
   writeFile(tools.dir() + "/virsh.out", out);
-  tools.addRecording("virsh",
-                     "cat '" + tools.dir() + "/virsh.out'\nexit " + std::to_string(exitCode));
+  tools.addRecording(
+      "virsh", "cat '" + tools.dir() + "/virsh.out'\nexit " + std::to_string(exitCode));
 }
 
 TEST(VirshLibvirtBackend, CommandLines) {
@@ -70,14 +70,23 @@ TEST(VirshLibvirtBackend, CommandLines) {
   FinishCounter progress;
   const Case cases[] = {
       {"isReachable", [](auto& b) { b.isReachable(); }, {"version"}},
-      {"networkDefined", [](auto& b) { b.networkDefined("my net"); }, {"net-info", "my net"}},
-      {"networkActive", [](auto& b) { b.networkActive("default"); }, {"net-list", "--name"}},
-      {"defaultPoolPath", [](auto& b) { b.defaultPoolPath(); }, {"pool-dumpxml", "default"}},
+      {"networkDefined",
+       [](auto& b) { b.networkDefined("my net"); },
+       {"net-info", "my net"}},
+      {"networkActive",
+       [](auto& b) { b.networkActive("default"); },
+       {"net-list", "--name"}},
+      {"defaultPoolPath",
+       [](auto& b) { b.defaultPoolPath(); },
+       {"pool-dumpxml", "default"}},
       {"domainExists", [](auto& b) { b.domainExists("web 01"); }, {"dominfo", "web 01"}},
       {"listDomains", [](auto& b) { b.listDomains(); }, {"list", "--all", "--name"}},
       {"dumpDomainXml", [](auto& b) { b.dumpDomainXml("web"); }, {"dumpxml", "web"}},
-      {"undefineDomain", [](auto& b) { b.undefineDomain("web"); }, {"undefine", "web", "--nvram"}},
-      {"refreshPool", [&](auto& b) { b.refreshPool("default", &progress); },
+      {"undefineDomain",
+       [](auto& b) { b.undefineDomain("web"); },
+       {"undefine", "web", "--nvram"}},
+      {"refreshPool",
+       [&](auto& b) { b.refreshPool("default", &progress); },
        {"pool-refresh", "default"}},
   };
   for (const Case& c : cases) {
@@ -136,7 +145,9 @@ TEST(VirshLibvirtBackend, ListDomainsSplitsLines) {
   };
   const Case cases[] = {
       {"names then empty line", "web\nmail\n\n", 0, {"web", "mail"}},
-      {"trailing blanks removed, leading kept", "web  \r\n\n  db\t\nlast", 0,
+      {"trailing blanks removed, leading kept",
+       "web  \r\n\n  db\t\nlast",
+       0,
        {"web", "  db", "last"}},
       {"none", "\n", 0, {}},
       {"failure", "web\n", 1, {}},
@@ -156,7 +167,8 @@ TEST(VirshLibvirtBackend, DefaultPoolPath) {
     std::optional<std::string> path;
   };
   const Case cases[] = {
-      {"pool", "<pool type='dir'>\n  <target>\n    <path>/var/lib/libvirt/images</path>\n", 0,
+      {"pool",
+       "<pool type='dir'>\n  <target>\n    <path>/var/lib/libvirt/images</path>\n", 0,
        "/var/lib/libvirt/images"},
       {"virsh failed", "<path>/var/lib/libvirt/images</path>", 1, std::nullopt},
       {"empty output", "", 0, std::nullopt},
@@ -186,9 +198,12 @@ TEST(VirshLibvirtBackend, UndefineFallsBackToPlainFormOnce) {
   };
   const Case cases[] = {
       {"nvram accepted", "exit 0", {{"undefine", "web", "--nvram"}}},
-      {"nvram refused", "[ \"$3\" = --nvram ] && exit 1; exit 0",
+      {"nvram refused",
+       "[ \"$3\" = --nvram ] && exit 1; exit 0",
        {{"undefine", "web", "--nvram"}, {"undefine", "web"}}},
-      {"both fail, no third try", "exit 1", {{"undefine", "web", "--nvram"}, {"undefine", "web"}}},
+      {"both fail, no third try",
+       "exit 1",
+       {{"undefine", "web", "--nvram"}, {"undefine", "web"}}},
   };
   for (const Case& c : cases) {
     FakeTools tools;

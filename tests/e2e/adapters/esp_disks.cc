@@ -13,7 +13,9 @@ constexpr long kFirstSector = 2048;
 constexpr long kLastUsable = kDiskSectors - 34;  // the backup GPT takes the rest
 
 /// The appliance names the disks in the order they were added.
-std::string device(std::size_t disk) { return "/dev/sd" + std::string(1, char('a' + disk)); }
+std::string device(std::size_t disk) {
+  return "/dev/sd" + std::string(1, char('a' + disk));
+}
 
 std::string quoted(const std::string& s) { return "\"" + s + "\""; }
 
@@ -36,7 +38,8 @@ std::string partitionScript(const std::string& dev, const TestDisk& disk) {
     const TestPartition& part = disk.partitions[static_cast<std::size_t>(n)];
     std::string partDev = dev + std::to_string(n + 1);
     bool holdsEfi = false;
-    for (const auto& file : part.files) holdsEfi = holdsEfi || file.first.rfind("/EFI/", 0) == 0;
+    for (const auto& file : part.files)
+      holdsEfi = holdsEfi || file.first.rfind("/EFI/", 0) == 0;
     if (part.fsType == "vfat" && holdsEfi) {
       s << "part-set-gpt-type " << dev << " " << n + 1 << " " << kEspGptType << "\n";
     }
@@ -59,7 +62,8 @@ std::string buildTestDisks(const std::vector<TestDisk>& disks) {
   std::string script;
   for (std::size_t i = 0; i < disks.size(); ++i) {
     const TestDisk& disk = disks[i];
-    if (disk.partitions.empty() || disk.partitions.size() > 8) return "bad partition count";
+    if (disk.partitions.empty() || disk.partitions.size() > 8)
+      return "bad partition count";
     for (const TestPartition& part : disk.partitions) {
       for (const auto& [path, content] : part.files) {
         if (path.empty() || path[0] != '/' ||
@@ -74,12 +78,14 @@ std::string buildTestDisks(const std::vector<TestDisk>& disks) {
     script += "add-drive " + quoted(disk.path) + " format:qcow2\n";
   }
   script += "run\n";
-  for (std::size_t i = 0; i < disks.size(); ++i) script += partitionScript(device(i), disks[i]);
+  for (std::size_t i = 0; i < disks.size(); ++i)
+    script += partitionScript(device(i), disks[i]);
 
   CommandOptions options;
   options.stdinData = script;
   CommandResult r = runCommand({"guestfish"}, options);
-  if (!r.ok()) return "guestfish (exit " + std::to_string(r.exitCode) + "): " + r.stderrText;
+  if (!r.ok())
+    return "guestfish (exit " + std::to_string(r.exitCode) + "): " + r.stderrText;
   return "";
 }
 
@@ -94,7 +100,8 @@ std::vector<std::string> queryDisks(const std::vector<std::string>& images,
   // file does not cost another launch; the markers tell the answers apart.
   for (std::size_t q = 0; q < queries.size(); ++q) {
     const DiskQuery& query = queries[q];
-    script += "-mount-ro " + device(query.disk) + std::to_string(query.partition) + " /\n";
+    script +=
+        "-mount-ro " + device(query.disk) + std::to_string(query.partition) + " /\n";
     script += "echo @@q" + std::to_string(q) + "\n";
     script += "-" + query.command + "\n";
     script += "-umount /\n";

@@ -31,7 +31,8 @@ struct Scenario {
 };
 
 TEST(GuestfishBootFixerOnHost, EverySituation) {
-  if (!guestfishAvailable()) GTEST_SKIP() << "guestfish is missing: run scripts/host-setup";
+  if (!guestfishAvailable())
+    GTEST_SKIP() << "guestfish is missing: run scripts/host-setup";
 
   const std::vector<Scenario> scenarios = {
       {"shim and grub under ubuntu",
@@ -58,7 +59,8 @@ TEST(GuestfishBootFixerOnHost, EverySituation) {
        "fallback bootloader already present (left as-is)"},
       {"two grubs",
        {{"vfat",
-         {{"/EFI/ubuntu/grubx64.efi", "grub one"}, {"/EFI/debian/grubx64.efi", "grub two"}}}},
+         {{"/EFI/ubuntu/grubx64.efi", "grub one"},
+          {"/EFI/debian/grubx64.efi", "grub two"}}}},
        BootFixOutcome::kAmbiguous,
        ""},
       {"no ESP",

@@ -3,9 +3,8 @@
 // second extent and one write straddles the boundary between them.
 
 #include <fcntl.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -59,12 +58,12 @@ TEST_P(QemuImgConverterOnHost, QcowHoldsTheSameBytes) {
     ASSERT_TRUE(runCommand({"qemu-img", "create", "-q", "-f", "raw", raw, "3G"}).ok());
     CommandResult wrote = qemuIo("raw", "write", raw);
     ASSERT_TRUE(wrote.ok()) << wrote.stderrText;
-    CommandResult made = runCommand({"qemu-img", "convert", "-f", "raw", "-O", "vmdk", "-o",
-                                     "subformat=streamOptimized", raw, source});
+    CommandResult made = runCommand({"qemu-img", "convert", "-f", "raw", "-O", "vmdk",
+                                     "-o", "subformat=streamOptimized", raw, source});
     ASSERT_TRUE(made.ok()) << made.stderrText;
   } else {
-    CommandResult made = runCommand(
-        {"qemu-img", "create", "-q", "-f", "vmdk", "-o", "subformat=" + subformat, source, "3G"});
+    CommandResult made = runCommand({"qemu-img", "create", "-q", "-f", "vmdk", "-o",
+                                     "subformat=" + subformat, source, "3G"});
     ASSERT_TRUE(made.ok()) << made.stderrText;
     CommandResult wrote = qemuIo("vmdk", "write", source);
     ASSERT_TRUE(wrote.ok()) << wrote.stderrText;
@@ -79,21 +78,23 @@ TEST_P(QemuImgConverterOnHost, QcowHoldsTheSameBytes) {
 
   ASSERT_TRUE(r.ok()) << r.stderrText;
   EXPECT_EQ(progress.lastPercent(), 100.0);
-  CommandResult same = runCommand({"qemu-img", "compare", "-f", "vmdk", "-F", "qcow2", source, target});
+  CommandResult same =
+      runCommand({"qemu-img", "compare", "-f", "vmdk", "-F", "qcow2", source, target});
   EXPECT_EQ(same.exitCode, 0) << same.stdoutText << same.stderrText;
   // compare alone would pass two empty disks: the patterns must be in the copy.
   CommandResult read = qemuIo("qcow2", "read", target);
   EXPECT_TRUE(read.ok()) << read.stdoutText << read.stderrText;
   CommandResult info = runCommand({"qemu-img", "info", "--output=json", target});
-  EXPECT_NE(info.stdoutText.find("\"format\": \"qcow2\""), std::string::npos) << info.stdoutText;
+  EXPECT_NE(info.stdoutText.find("\"format\": \"qcow2\""), std::string::npos)
+      << info.stdoutText;
 }
 
 INSTANTIATE_TEST_SUITE_P(VmwareLayouts, QemuImgConverterOnHost,
                          ::testing::Values("monolithicSparse", "monolithicFlat",
                                            "twoGbMaxExtentSparse", "twoGbMaxExtentFlat",
                                            "streamOptimized"),
-                         [](const ::testing::TestParamInfo<const char*>& info) {
-                           return std::string(info.param);
+                         [](const ::testing::TestParamInfo<const char*>& param) {
+                           return std::string(param.param);
                          });
 
 }  // namespace

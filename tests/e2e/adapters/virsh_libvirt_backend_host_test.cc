@@ -2,16 +2,15 @@
 // Domains are named after the process so that parallel or repeated runs never meet,
 // and are removed in TearDown even when an assertion failed half-way.
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -51,7 +50,8 @@ class VirshBackendOnHost : public ::testing::Test {
       if (name.rfind(prefix, 0) != 0) continue;
       std::size_t dash = name.find('-', prefix.size());
       if (dash == std::string::npos) continue;
-      pid_t pid = static_cast<pid_t>(std::atol(name.substr(prefix.size(), dash - prefix.size()).c_str()));
+      pid_t pid = static_cast<pid_t>(
+          std::atol(name.substr(prefix.size(), dash - prefix.size()).c_str()));
       if (pid <= 0 || kill(pid, 0) == 0 || errno != ESRCH) continue;
       runCommand({"virsh", "destroy", name});
       backend_.undefineDomain(name);
@@ -75,14 +75,15 @@ class VirshBackendOnHost : public ::testing::Test {
   static std::string uniqueMac(int salt) {
     unsigned pid = static_cast<unsigned>(getpid());
     char mac[18];
-    std::snprintf(mac, sizeof mac, "52:54:00:%02x:%02x:%02x", (pid >> 8) & 0xff, pid & 0xff,
-                  salt & 0xff);
+    std::snprintf(mac, sizeof mac, "52:54:00:%02x:%02x:%02x", (pid >> 8) & 0xff,
+                  pid & 0xff, salt & 0xff);
     return mac;
   }
 
   DomainSpec spec(const std::string& name, bool uefi, const std::string& mac) {
     std::string image = dir_.file(name + ".qcow2");
-    EXPECT_TRUE(runCommand({"qemu-img", "create", "-q", "-f", "qcow2", image, "16M"}).ok());
+    EXPECT_TRUE(
+        runCommand({"qemu-img", "create", "-q", "-f", "qcow2", image, "16M"}).ok());
     DomainSpec s;
     s.vmName = name;
     s.vcpus = 1;
@@ -125,7 +126,8 @@ TEST_F(VirshBackendOnHost, DefaultNetworkAndPool) {
 TEST_F(VirshBackendOnHost, BiosDomainRoundTrip) {
   const std::string name = domainName("bios");
   const std::string mac = uniqueMac(1);
-  std::string xml = VirtInstallDomainXmlBuilder().buildDomainXml(spec(name, false, mac), nullptr);
+  std::string xml =
+      VirtInstallDomainXmlBuilder().buildDomainXml(spec(name, false, mac), nullptr);
   ASSERT_NE(xml.find("<domain"), std::string::npos) << xml;
 
   FinishCounter progress;
@@ -149,7 +151,8 @@ TEST_F(VirshBackendOnHost, BiosDomainRoundTrip) {
 TEST_F(VirshBackendOnHost, UefiDomainWithNvramIsUndefined) {
   const std::string name = domainName("uefi");
   const std::string mac = uniqueMac(2);
-  std::string xml = VirtInstallDomainXmlBuilder().buildDomainXml(spec(name, true, mac), nullptr);
+  std::string xml =
+      VirtInstallDomainXmlBuilder().buildDomainXml(spec(name, true, mac), nullptr);
   backend_.defineDomain(xml, nullptr);
   ASSERT_TRUE(backend_.domainExists(name));
   EXPECT_NE(backend_.dumpDomainXml(name).find("firmware='efi'"), std::string::npos);
@@ -169,7 +172,8 @@ TEST_F(VirshBackendOnHost, UefiDomainWithNvramIsUndefined) {
   backend_.undefineDomain(name);
   EXPECT_FALSE(backend_.domainExists(name));
   EXPECT_FALSE(listed(name));
-  EXPECT_FALSE(std::filesystem::exists(nvram)) << "the variable store went with the domain";
+  EXPECT_FALSE(std::filesystem::exists(nvram))
+      << "the variable store went with the domain";
 }
 
 TEST_F(VirshBackendOnHost, DefineRejectsBadXmlWithVirshsWords) {
