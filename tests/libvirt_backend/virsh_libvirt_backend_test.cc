@@ -1,10 +1,10 @@
 #include "libvirt_backend/virsh_libvirt_backend.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <functional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -213,11 +213,16 @@ TEST(VirshLibvirtBackend, UndefineFallsBackToPlainFormOnce) {
   }
 }
 
-std::set<std::string> tempXmlFiles() {
-  std::set<std::string> found;
+/// The temp XML files that hold `marker`: other tests may be defining domains
+/// at the same time, so only this test's own content counts.
+std::vector<std::string> tempXmlFilesHolding(const std::string& marker) {
+  std::vector<std::string> found;
   for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
     std::string name = entry.path().filename().string();
-    if (name.rfind("orvane-v2v-domain-", 0) == 0) found.insert(entry.path().string());
+    if (name.rfind("orvane-v2v-domain-", 0) != 0) continue;
+    if (readFile(entry.path().string()).find(marker) != std::string::npos) {
+      found.push_back(entry.path().string());
+    }
   }
   return found;
 }
@@ -234,8 +239,10 @@ TEST_P(DefineDomain, HandsXmlInTempFileAndRemovesIt) {
                                   "'\necho \"error: failed to define domain\" >&2\n"
                                   "echo 'error: line two' >&2\nexit " +
                                   std::to_string(exitCode));
-  const std::string xml = "<domain type='kvm'>\n  <name>web</name>\n</domain>\n";
-  const std::set<std::string> before = tempXmlFiles();
+  const std::string marker =
+      "web-" + std::to_string(getpid()) + "-" + std::to_string(exitCode);
+  const std::string xml =
+      "<domain type='kvm'>\n  <name>" + marker + "</name>\n</domain>\n";
   FinishCounter progress;
 
   bool threw = false;
@@ -257,9 +264,7 @@ TEST_P(DefineDomain, HandsXmlInTempFileAndRemovesIt) {
   EXPECT_EQ(calls[0][1].size(), std::string("/tmp/orvane-v2v-domain-XXXXXX").size());
   EXPECT_EQ(readFile(copy), xml);
   EXPECT_FALSE(std::filesystem::exists(calls[0][1]));
-  for (const std::string& f : tempXmlFiles()) {
-    EXPECT_TRUE(before.count(f)) << "left behind: " << f;
-  }
+  EXPECT_EQ(tempXmlFilesHolding(marker), std::vector<std::string>{});
   EXPECT_EQ(progress.finishes, 1);
 }
 
