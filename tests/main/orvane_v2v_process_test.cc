@@ -164,9 +164,14 @@ TEST_F(ProcessTest, SigintWhileConvertingEndsWith130AndKeepsWhatWasMade) {
   setenv("FAKE_QEMU_SLEEP", "2", 1);
   // The shell delivers SIGINT to the program alone, as a terminal's Ctrl-C would
   // reach it, while the fake converter goes on to its end.
+  // It waits until the fake converter has started, so a slow machine cannot turn
+  // this into a signal before the handlers exist.
+  setenv("FAKE_STARTED", (tools_.dir() + "/qemu-img.argv.0").c_str(), 1);
   CommandResult r = runCommand(
-      {"sh", "-c", "\"$0\" \"$@\" & pid=$!; sleep 1; kill -INT $pid; wait $pid", ORVANE_BINARY,
-       "-p", source_.path(), "-o", output_.path(), "-y"});
+      {"sh", "-c",
+       "\"$0\" \"$@\" & pid=$!; while [ ! -e \"$FAKE_STARTED\" ]; do sleep 0.05; done; "
+       "kill -INT $pid; wait $pid",
+       ORVANE_BINARY, "-p", source_.path(), "-o", output_.path(), "-y"});
   EXPECT_EQ(130, r.exitCode) << r.stderrText;
   EXPECT_TRUE(fs::exists(output_.file("web01.qcow2")));
   EXPECT_EQ(std::string::npos, r.stderrText.find("Rolling back"));
