@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace orvane {
@@ -18,14 +20,28 @@ struct VmxData {
   bool hasVtpm = false;
   bool hasPassthrough = false;
   bool hasSerial = false;
+
+  bool operator==(const VmxData&) const = default;
 };
 
 /// Reads `vmxPath`; relative disk names are completed with `vmFolder`. Throws
 /// V2vError when the file cannot be opened.
 VmxData parseVmx(const std::string& vmxPath, const std::string& vmFolder);
 
+/// How much of a disk descriptor the parent scan reads: enough for any text
+/// descriptor, and a multi-gigabyte extent is never read whole.
+inline constexpr std::size_t kDescriptorScanBytes = 64 * 1024;
+
+/// parseVmx without the file read: `text` is the whole .vmx. Still opens each
+/// listed disk (through vmdkHasParent) to find snapshot children.
+VmxData parseVmxText(const std::string& text, const std::string& vmFolder);
+
 /// True when the VMDK descriptor names a parent. Reads at most 64 KiB; an
 /// unreadable file yields false.
 bool vmdkHasParent(const std::string& vmdkPath);
+
+/// The parent scan of vmdkHasParent on descriptor text; only the first 64 KiB of
+/// `descriptorHead` is looked at.
+bool descriptorHasParent(std::string_view descriptorHead);
 
 }  // namespace orvane

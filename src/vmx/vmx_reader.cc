@@ -1,0 +1,229 @@
+#include "vmx/vmx_reader.h"
+
+#include <algorithm>
+#include <cctype>
+#include <fstream>
+// GCC 12 with -fsanitize=address reports false maybe-uninitialized warnings from
+// inside <regex>'s own templates; they are not about this file.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+#include <regex>
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+#include <string_view>
+
+#include "conversion/errors.h"
+
+namespace orvane {
+namespace {
+
+/// One `key = "value"` line: the key trimmed and lower-cased, the value the text
+/// between the first two quotes after the `=` (empty when it is not quoted).
+struct Entry {
+  std::string lowerKey;
+  std::string value;
+};
+
+std::string trim(const std::string& s) {
+  std::size_t begin = 0;
+  std::size_t end = s.size();
+  while (begin < end && std::isspace(static_cast<unsigned char>(s[begin]))) ++begin;
+  while (end > begin && std::isspace(static_cast<unsigned char>(s[end - 1]))) --end;
+  return s.substr(begin, end - begin);
+}
+
+std::string toLower(std::string s) {
+  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+bool isTrue(const std::string& value) { return toLower(value) == "true"; }
+
+/// The value of the first entry with exactly this key, "" when there is none. The
+/// first occurrence wins even when it is empty and a later one is not.
+std::string firstValue(const std::vector<Entry>& entries, const std::string& lowerKey) {
+  for (const Entry& entry : entries) {
+    if (entry.lowerKey == lowerKey) return entry.value;
+  }
+  return "";
+}
+
+/// Appends the entry of one line, if the line has one.
+void parseLine(const std::string& line, std::vector<Entry>& entries) {
+  const std::size_t eq = line.find('=');
+  if (eq == std::string::npos) return;
+  std::string key = trim(line.substr(0, eq));
+  if (key.empty()) return;
+  // No escape processing and no trimming: the value ends at the second quote,
+  // and whatever follows it (a trailing remark, a CR) is ignored.
+  std::string value;
+  const std::size_t open = line.find('"', eq + 1);
+  if (open != std::string::npos) {
+    const std::size_t close = line.find('"', open + 1);
+    if (close != std::string::npos) value = line.substr(open + 1, close - open - 1);
+  }
+  entries.push_back({toLower(std::move(key)), std::move(value)});
+}
+
+std::vector<Entry> parseEntries(const std::string& text) {
+  std::vector<Entry> entries;
+  std::size_t start = 0;
+  while (start <= text.size()) {
+    std::size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    if (end > start) parseLine(text.substr(start, end - start), entries);
+    start = end + 1;
+  }
+  return entries;
+}
+
+bool startsWith(std::string_view s, std::string_view prefix) {
+  return s.substr(0, prefix.size()) == prefix;
+}
+
+// The prefix tests in front of the regular expressions below only spare the regex
+// engine the keys that cannot match; the expression alone decides.
+
+bool isMacKey(const std::string& key) {
+  static const std::regex kMacKey("^ethernet[0-9]+\\.generatedaddress$",
+                                  std::regex::ECMAScript);
+  return startsWith(key, "ethernet") && std::regex_match(key, kMacKey);
+}
+
+bool isDiskFileKey(const std::string& key) {
+  static const std::regex kDiskKey("^(scsi|sata|nvme|ide)[0-9]+:[0-9]+\\.filename$",
+                                   std::regex::ECMAScript);
+  const bool plausible = startsWith(key, "scsi") || startsWith(key, "sata") ||
+                         startsWith(key, "nvme") || startsWith(key, "ide");
+  return plausible && std::regex_match(key, kDiskKey);
+}
+
+bool isPassthroughPresentKey(const std::string& key) {
+  static const std::regex kPassthroughKey("^pcipassthru[0-9]+\\.present$",
+                                          std::regex::ECMAScript);
+  return startsWith(key, "pcipassthru") && std::regex_match(key, kPassthroughKey);
+}
+
+bool isSerialPresentKey(const std::string& key) {
+  static const std::regex kSerialKey("^serial[0-9]+\\.present$", std::regex::ECMAScript);
+  return startsWith(key, "serial") && std::regex_match(key, kSerialKey);
+}
+
+/// Compares two runs of decimal digits by value, whatever their length, so an
+/// absurd unit number cannot overflow a conversion.
+int compareDecimal(std::string_view a, std::string_view b) {
+  const auto stripZeros = [](std::string_view s) {
+    const std::size_t nonZero = s.find_first_not_of('0');
+    return nonZero == std::string_view::npos ? std::string_view() : s.substr(nonZero);
+  };
+  a = stripZeros(a);
+  b = stripZeros(b);
+  if (a.size() != b.size()) return a.size() < b.size() ? -1 : 1;
+  return a.compare(b);
+}
+
+/// Bus order of device prefixes such as "scsi0:1": controllers byte-wise (so
+/// "scsi10" comes before "scsi2"), then units by number ("scsi0:2" before "scsi0:10").
+bool diskBefore(std::string_view a, std::string_view b) {
+  const std::size_t colonA = a.find(':');
+  const std::size_t colonB = b.find(':');
+  const std::string_view controllerA = a.substr(0, colonA);
+  const std::string_view controllerB = b.substr(0, colonB);
+  if (controllerA != controllerB) return controllerA < controllerB;
+  return compareDecimal(a.substr(colonA + 1), b.substr(colonB + 1)) < 0;
+}
+
+bool endsWith(std::string_view s, std::string_view suffix) {
+  return s.size() >= suffix.size() && s.substr(s.size() - suffix.size()) == suffix;
+}
+
+/// The disk's file name, or "" when the device is no usable hard disk: CD/DVD and
+/// floppy devices, images that are not .vmdk, and devices not marked present.
+std::string hardDiskFileName(const std::vector<Entry>& entries, const std::string& prefix) {
+  const std::string fileName = firstValue(entries, prefix + ".filename");
+  if (fileName.empty() || !endsWith(toLower(fileName), ".vmdk")) return "";
+  if (!isTrue(firstValue(entries, prefix + ".present"))) return "";
+  const std::string deviceType = toLower(firstValue(entries, prefix + ".devicetype"));
+  for (const char* removable : {"cdrom", "atapi", "floppy"}) {
+    if (deviceType.find(removable) != std::string::npos) return "";
+  }
+  return fileName;
+}
+
+std::vector<std::string> diskPaths(const std::vector<Entry>& entries,
+                                   const std::string& vmFolder) {
+  constexpr std::size_t kFileNameSuffix = sizeof(".filename") - 1;
+  std::vector<std::string> prefixes;
+  for (const Entry& entry : entries) {
+    if (isDiskFileKey(entry.lowerKey)) {
+      prefixes.push_back(entry.lowerKey.substr(0, entry.lowerKey.size() - kFileNameSuffix));
+    }
+  }
+  std::sort(prefixes.begin(), prefixes.end(),
+            [](const std::string& a, const std::string& b) { return diskBefore(a, b); });
+  prefixes.erase(std::unique(prefixes.begin(), prefixes.end()), prefixes.end());
+
+  std::vector<std::string> paths;
+  for (const std::string& prefix : prefixes) {
+    std::string fileName = hardDiskFileName(entries, prefix);
+    if (fileName.empty()) continue;
+    // Joined as text: the folder is the user's own spelling, kept for messages.
+    paths.push_back(fileName.front() == '/' ? fileName : vmFolder + "/" + fileName);
+  }
+  return paths;
+}
+
+std::string baseName(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+}  // namespace
+
+VmxData parseVmxText(const std::string& text, const std::string& vmFolder) {
+  const std::vector<Entry> entries = parseEntries(text);
+  VmxData data;
+  data.displayName = firstValue(entries, "displayname");
+  data.numVcpus = firstValue(entries, "numvcpus");
+  if (data.numVcpus.empty()) data.numVcpus = "1";
+  data.memSize = firstValue(entries, "memsize");
+  data.guestOs = toLower(firstValue(entries, "guestos"));
+  data.firmware = toLower(firstValue(entries, "firmware"));
+  if (data.firmware.empty()) data.firmware = "bios";
+
+  for (const Entry& entry : entries) {
+    if (isMacKey(entry.lowerKey)) data.macAddresses.push_back(entry.value);
+    // Every occurrence counts here, not only the first: one device marked present
+    // anywhere is enough to need the user's attention.
+    if (isPassthroughPresentKey(entry.lowerKey) && isTrue(entry.value)) {
+      data.hasPassthrough = true;
+    }
+    if (isSerialPresentKey(entry.lowerKey) && isTrue(entry.value)) data.hasSerial = true;
+  }
+  data.hasVtpm = isTrue(firstValue(entries, "vtpm.present"));
+
+  data.vmdkFiles = diskPaths(entries, vmFolder);
+  for (const std::string& path : data.vmdkFiles) {
+    if (vmdkHasParent(path)) data.snapDisks.push_back(baseName(path));
+  }
+  return data;
+}
+
+VmxData parseVmx(const std::string& vmxPath, const std::string& vmFolder) {
+  std::ifstream in(vmxPath, std::ios::binary);
+  if (!in) throw V2vError("Could not read the VMX file: " + vmxPath);
+  // istream::read turns a failing read (a directory opens but cannot be read)
+  // into badbit instead of letting the buffer's exception escape.
+  std::string text;
+  char buffer[64 * 1024];
+  while (in.read(buffer, sizeof(buffer)) || in.gcount() > 0) {
+    text.append(buffer, static_cast<std::size_t>(in.gcount()));
+  }
+  if (in.bad()) throw V2vError("Could not read the VMX file: " + vmxPath);
+  return parseVmxText(text, vmFolder);
+}
+
+}  // namespace orvane
