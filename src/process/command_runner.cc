@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <ctime>
 
+#include "process/capture_buffer.h"
 #include "progress/progress_observer.h"
 
 namespace orvane {
@@ -95,10 +96,9 @@ void drain(int& fd, std::string& text, ProgressObserver* progress) {
   char buffer[kReadChunk];
   const ssize_t count = ::read(fd, buffer, sizeof buffer);
   if (count > 0) {
-    text.append(buffer, static_cast<std::size_t>(count));
-    if (progress != nullptr) {
-      progress->onOutput(std::string_view(buffer, static_cast<std::size_t>(count)));
-    }
+    const std::string_view chunk(buffer, static_cast<std::size_t>(count));
+    appendCaptured(text, chunk);
+    if (progress != nullptr) progress->onOutput(chunk);
     return;
   }
   if (count == -1 && (errno == EAGAIN || errno == EINTR)) return;
