@@ -93,7 +93,7 @@ std::vector<std::string> queryDisks(const std::vector<std::string>& images,
                                     const std::vector<DiskQuery>& queries) {
   std::string script;
   for (const std::string& image : images) {
-    script += "add-drive-ro " + quoted(image) + " format:qcow2\n";
+    script += "add-drive " + quoted(image) + " readonly:true format:qcow2\n";
   }
   script += "run\n";
   // A leading "-" lets guestfish go on after a failing command, so one missing
