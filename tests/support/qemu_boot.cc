@@ -6,11 +6,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
-#include <regex>
 #include <thread>
 
 #include "support/temp_dir.h"
@@ -38,9 +38,36 @@ constexpr std::string_view kGaveUpTexts[] = {
     "Kernel panic - not syncing",
 };
 
-std::string firstMatch(const std::string& text, const std::regex& re) {
-  std::smatch m;
-  return std::regex_search(text, m, re) ? m[1].str() : std::string();
+/// The tag that starts at or after `from` with `<name` followed by a blank, '>' or
+/// '/', whole; "" when there is none. `from` is moved past it.
+std::string nextTag(const std::string& xml, const std::string& name, std::size_t& from) {
+  for (std::size_t at = xml.find("<" + name, from); at != std::string::npos;
+       at = xml.find("<" + name, at + 1)) {
+    const std::size_t after = at + 1 + name.size();
+    if (after < xml.size() && std::string_view(" \t\n/>").find(xml[after]) != std::string::npos) {
+      const std::size_t end = xml.find('>', after);
+      if (end == std::string::npos) break;
+      from = end + 1;
+      return xml.substr(at, end + 1 - at);
+    }
+  }
+  from = std::string::npos;
+  return "";
+}
+
+/// The value of attribute `name` in one tag, quoted either way as libvirt
+/// (single) and virt-install (double) write them; "" when absent.
+std::string attribute(const std::string& tag, const std::string& name) {
+  for (std::size_t at = tag.find(name + "="); at != std::string::npos;
+       at = tag.find(name + "=", at + 1)) {
+    const std::size_t quote = at + name.size() + 1;
+    if (at == 0 || !std::isspace(static_cast<unsigned char>(tag[at - 1]))) continue;
+    if (quote >= tag.size() || (tag[quote] != '\'' && tag[quote] != '"')) continue;
+    const std::size_t end = tag.find(tag[quote], quote + 1);
+    if (end == std::string::npos) return "";
+    return tag.substr(quote + 1, end - quote - 1);
+  }
+  return "";
 }
 
 bool isQ35(const std::string& machine) { return machine.find("q35") != std::string::npos; }
@@ -77,15 +104,23 @@ std::string describeStatus(int status) {
 }  // namespace
 
 BootRequest bootRequestFromDomainXml(const std::string& domainXml) {
-  static const std::regex kMachine(R"(<type[^>]*machine=['"]([^'"]+)['"])");
-  static const std::regex kEfi(R"((<os[^>]*firmware=['"]efi['"])|(<loader[\s>]))");
-  static const std::regex kDiskBus(
-      R"(<disk[^>]*device=['"]disk['"][^>]*>[\s\S]*?<target[^>]*bus=['"]([^'"]+)['"])");
   BootRequest request;
-  request.machine = firstMatch(domainXml, kMachine);
-  request.firmware =
-      std::regex_search(domainXml, kEfi) ? GuestFirmware::kUefi : GuestFirmware::kBios;
-  request.bus = firstMatch(domainXml, kDiskBus) == "ide" ? GuestDiskBus::kIde : GuestDiskBus::kSata;
+  std::size_t pos = 0;
+  request.machine = attribute(nextTag(domainXml, "type", pos), "machine");
+  pos = 0;
+  const bool efiAttribute = attribute(nextTag(domainXml, "os", pos), "firmware") == "efi";
+  pos = 0;
+  const bool loader = !nextTag(domainXml, "loader", pos).empty();
+  request.firmware = efiAttribute || loader ? GuestFirmware::kUefi : GuestFirmware::kBios;
+  // The first hard disk decides; CD-ROMs may sit on another bus.
+  pos = 0;
+  while (pos != std::string::npos) {
+    const std::string disk = nextTag(domainXml, "disk", pos);
+    if (disk.empty() || attribute(disk, "device") != "disk") continue;
+    const std::string bus = attribute(nextTag(domainXml, "target", pos), "bus");
+    request.bus = bus == "ide" ? GuestDiskBus::kIde : GuestDiskBus::kSata;
+    break;
+  }
   return request;
 }
 

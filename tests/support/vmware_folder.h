@@ -3,19 +3,31 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/temp_dir.h"
 
 namespace orvane::testing {
 
-/// One virtual disk of a VMware VM folder.
+/// One virtual disk of a VMware VM folder. A constructor rather than an aggregate,
+/// so `VmwareDiskSpec{"sata0:0"}` may leave the later fields at their defaults
+/// without -Wmissing-field-initializers.
 struct VmwareDiskSpec {
-  std::string controllerKey = "scsi0:0";  ///< "scsi0:0", "sata0:1", "ide0:0", "nvme0:0"
-  std::string fileName;                   ///< empty: "<displayName>.vmdk", "<displayName>_1.vmdk"...
-  std::uint64_t sizeBytes = 16ULL << 20;  ///< for a new blank disk; ignored with rawImage
-  std::string subformat = "monolithicSparse";
-  std::string rawImage;  ///< when set, the disk is this raw image converted to VMDK
+  VmwareDiskSpec(std::string key = "scsi0:0", std::string name = "",
+                 std::uint64_t size = 16ULL << 20, std::string format = "monolithicSparse",
+                 std::string raw = "")
+      : controllerKey(std::move(key)),
+        fileName(std::move(name)),
+        sizeBytes(size),
+        subformat(std::move(format)),
+        rawImage(std::move(raw)) {}
+
+  std::string controllerKey;  ///< "scsi0:0", "sata0:1", "ide0:0", "nvme0:0"
+  std::string fileName;       ///< empty: "<displayName>.vmdk", "<displayName>_1.vmdk"...
+  std::uint64_t sizeBytes;    ///< for a new blank disk; ignored with rawImage
+  std::string subformat;      ///< qemu-img's vmdk subformat, e.g. "monolithicFlat"
+  std::string rawImage;       ///< when set, the disk is this raw image converted to VMDK
 };
 
 /// What to put in the folder; the defaults describe a small one-disk Linux BIOS VM.
