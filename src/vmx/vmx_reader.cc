@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
+#include <filesystem>
 #include <fstream>
 // GCC 12 with -fsanitize=address reports false maybe-uninitialized warnings from
 // inside <regex>'s own templates; they are not about this file.
@@ -27,7 +29,7 @@ struct Entry {
   std::string value;
 };
 
-std::string trim(const std::string& s) {
+std::string_view trim(std::string_view s) {
   std::size_t begin = 0;
   std::size_t end = s.size();
   while (begin < end && std::isspace(static_cast<unsigned char>(s[begin]))) ++begin;
@@ -38,6 +40,10 @@ std::string trim(const std::string& s) {
 std::string toLower(std::string s) {
   for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return s;
+}
+
+std::string valueOr(std::string value, const char* fallback) {
+  return value.empty() ? std::string(fallback) : value;
 }
 
 bool isTrue(const std::string& value) { return toLower(value) == "true"; }
@@ -52,28 +58,28 @@ std::string firstValue(const std::vector<Entry>& entries, const std::string& low
 }
 
 /// Appends the entry of one line, if the line has one.
-void parseLine(const std::string& line, std::vector<Entry>& entries) {
+void parseLine(std::string_view line, std::vector<Entry>& entries) {
   const std::size_t eq = line.find('=');
-  if (eq == std::string::npos) return;
-  std::string key = trim(line.substr(0, eq));
+  if (eq == std::string_view::npos) return;
+  const std::string_view key = trim(line.substr(0, eq));
   if (key.empty()) return;
   // No escape processing and no trimming: the value ends at the second quote,
   // and whatever follows it (a trailing remark, a CR) is ignored.
-  std::string value;
+  std::string_view value;
   const std::size_t open = line.find('"', eq + 1);
-  if (open != std::string::npos) {
+  if (open != std::string_view::npos) {
     const std::size_t close = line.find('"', open + 1);
-    if (close != std::string::npos) value = line.substr(open + 1, close - open - 1);
+    if (close != std::string_view::npos) value = line.substr(open + 1, close - open - 1);
   }
-  entries.push_back({toLower(std::move(key)), std::move(value)});
+  entries.push_back({toLower(std::string(key)), std::string(value)});
 }
 
-std::vector<Entry> parseEntries(const std::string& text) {
+std::vector<Entry> parseEntries(std::string_view text) {
   std::vector<Entry> entries;
   std::size_t start = 0;
   while (start <= text.size()) {
     std::size_t end = text.find('\n', start);
-    if (end == std::string::npos) end = text.size();
+    if (end == std::string_view::npos) end = text.size();
     if (end > start) parseLine(text.substr(start, end - start), entries);
     start = end + 1;
   }
@@ -84,32 +90,55 @@ bool startsWith(std::string_view s, std::string_view prefix) {
   return s.substr(0, prefix.size()) == prefix;
 }
 
-// The prefix tests in front of the regular expressions below only spare the regex
-// engine the keys that cannot match; the expression alone decides.
+/// Whether `key` fully matches `pattern`, for the key patterns below only.
+/// libstdc++'s matcher recurses once per character a repetition consumes, so a
+/// corrupt file with a number thousands of digits long would overflow the stack.
+/// The patterns' one repetition is [0-9]+ and they hold no other digit, so
+/// matching the key with each run of digits cut to one digit gives the same answer.
+bool keyMatches(std::string_view key, const std::regex& pattern) {
+  std::string shortened;
+  shortened.reserve(key.size());
+  for (std::size_t i = 0; i < key.size(); ++i) {
+    const bool digit = key[i] >= '0' && key[i] <= '9';
+    const bool afterDigit = i > 0 && key[i - 1] >= '0' && key[i - 1] <= '9';
+    if (!(digit && afterDigit)) shortened.push_back(key[i]);
+  }
+  return std::regex_match(shortened, pattern);
+}
+
+bool endsWith(std::string_view s, std::string_view suffix) {
+  return s.size() >= suffix.size() && s.substr(s.size() - suffix.size()) == suffix;
+}
+
+// The prefix and suffix tests in front of the regular expressions below only
+// spare the regex engine the keys that cannot match; the expression decides.
 
 bool isMacKey(const std::string& key) {
   static const std::regex kMacKey("^ethernet[0-9]+\\.generatedaddress$",
                                   std::regex::ECMAScript);
-  return startsWith(key, "ethernet") && std::regex_match(key, kMacKey);
+  return startsWith(key, "ethernet") && endsWith(key, ".generatedaddress") &&
+         keyMatches(key, kMacKey);
 }
 
 bool isDiskFileKey(const std::string& key) {
   static const std::regex kDiskKey("^(scsi|sata|nvme|ide)[0-9]+:[0-9]+\\.filename$",
                                    std::regex::ECMAScript);
-  const bool plausible = startsWith(key, "scsi") || startsWith(key, "sata") ||
-                         startsWith(key, "nvme") || startsWith(key, "ide");
-  return plausible && std::regex_match(key, kDiskKey);
+  const bool plausibleBus = startsWith(key, "scsi") || startsWith(key, "sata") ||
+                            startsWith(key, "nvme") || startsWith(key, "ide");
+  return plausibleBus && endsWith(key, ".filename") && keyMatches(key, kDiskKey);
 }
 
 bool isPassthroughPresentKey(const std::string& key) {
   static const std::regex kPassthroughKey("^pcipassthru[0-9]+\\.present$",
                                           std::regex::ECMAScript);
-  return startsWith(key, "pcipassthru") && std::regex_match(key, kPassthroughKey);
+  return startsWith(key, "pcipassthru") && endsWith(key, ".present") &&
+         keyMatches(key, kPassthroughKey);
 }
 
 bool isSerialPresentKey(const std::string& key) {
   static const std::regex kSerialKey("^serial[0-9]+\\.present$", std::regex::ECMAScript);
-  return startsWith(key, "serial") && std::regex_match(key, kSerialKey);
+  return startsWith(key, "serial") && endsWith(key, ".present") &&
+         keyMatches(key, kSerialKey);
 }
 
 /// Compares two runs of decimal digits by value, whatever their length, so an
@@ -134,10 +163,6 @@ bool diskBefore(std::string_view a, std::string_view b) {
   const std::string_view controllerB = b.substr(0, colonB);
   if (controllerA != controllerB) return controllerA < controllerB;
   return compareDecimal(a.substr(colonA + 1), b.substr(colonB + 1)) < 0;
-}
-
-bool endsWith(std::string_view s, std::string_view suffix) {
-  return s.size() >= suffix.size() && s.substr(s.size() - suffix.size()) == suffix;
 }
 
 /// The disk's file name, or "" when the device is no usable hard disk: CD/DVD and
@@ -187,12 +212,10 @@ VmxData parseVmxText(const std::string& text, const std::string& vmFolder) {
   const std::vector<Entry> entries = parseEntries(text);
   VmxData data;
   data.displayName = firstValue(entries, "displayname");
-  data.numVcpus = firstValue(entries, "numvcpus");
-  if (data.numVcpus.empty()) data.numVcpus = "1";
+  data.numVcpus = valueOr(firstValue(entries, "numvcpus"), "1");
   data.memSize = firstValue(entries, "memsize");
   data.guestOs = toLower(firstValue(entries, "guestos"));
-  data.firmware = toLower(firstValue(entries, "firmware"));
-  if (data.firmware.empty()) data.firmware = "bios";
+  data.firmware = valueOr(toLower(firstValue(entries, "firmware")), "bios");
 
   for (const Entry& entry : entries) {
     if (isMacKey(entry.lowerKey)) data.macAddresses.push_back(entry.value);
@@ -215,9 +238,13 @@ VmxData parseVmxText(const std::string& text, const std::string& vmFolder) {
 VmxData parseVmx(const std::string& vmxPath, const std::string& vmFolder) {
   std::ifstream in(vmxPath, std::ios::binary);
   if (!in) throw V2vError("Could not read the VMX file: " + vmxPath);
+  std::string text;
+  // Only a hint: reserving spares a large file the copies of a growing string.
+  std::error_code sizeError;
+  const std::uintmax_t size = std::filesystem::file_size(vmxPath, sizeError);
+  if (!sizeError) text.reserve(size);
   // istream::read turns a failing read (a directory opens but cannot be read)
   // into badbit instead of letting the buffer's exception escape.
-  std::string text;
   char buffer[64 * 1024];
   while (in.read(buffer, sizeof(buffer)) || in.gcount() > 0) {
     text.append(buffer, static_cast<std::size_t>(in.gcount()));

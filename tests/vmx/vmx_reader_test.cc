@@ -243,6 +243,19 @@ scsi0:1.fileName = "again.vmdk"
                      "/vm/s20.vmdk"}));
 }
 
+TEST(VmxReader, KeysWithHugeNumbersStillMatch) {
+  // Long enough to exhaust the stack of a matcher that recurses per digit.
+  const std::string digits(200000, '7');
+  const std::string text = "ethernet" + digits + ".generatedAddress = \"00:0c:29:00:00:01\"\n" +
+                           "sata" + digits + ":" + digits + ".fileName = \"d.vmdk\"\n" +
+                           "sata" + digits + ":" + digits + ".present = \"TRUE\"\n" +
+                           "serial" + digits + ".present = \"TRUE\"\n";
+  const VmxData data = parseVmxText(text, "/vm");
+  EXPECT_EQ(data.macAddresses, Strings{"00:0c:29:00:00:01"});
+  EXPECT_EQ(data.vmdkFiles, Strings{"/vm/d.vmdk"});
+  EXPECT_TRUE(data.hasSerial);
+}
+
 TEST(VmxReader, HugeUnitNumbersOrderWithoutOverflow) {
   const char text[] = R"(scsi0:99999999999999999999999.fileName = "big.vmdk"
 scsi0:99999999999999999999999.present = "TRUE"
