@@ -12,6 +12,12 @@ namespace {
 constexpr std::size_t kHugePage = std::size_t{2} << 20;
 // Below this a capture is a command's ordinary chatter: plain appends are cheapest.
 constexpr std::size_t kAdviseFrom = std::size_t{4} << 20;
+// Every byte copied on a reallocation lands on pages the kernel must zero first, so
+// the capacity grows fourfold (a third of the output copied in all, against all of
+// it when doubling). Capacity never touched costs nothing; the cap keeps the
+// reservation of a huge output within reach of the memory overcommit check.
+constexpr std::size_t kGrowthFactor = 4;
+constexpr std::size_t kMaxGrowthStep = std::size_t{1} << 30;
 
 // Advice only: a kernel without transparent huge pages refuses it and nothing
 // changes, so the result is not checked.
@@ -36,7 +42,9 @@ void appendCaptured(std::string& text, std::string_view bytes) {
     // reserve() on `text` would copy into the new block before we could advise it,
     // faulting it in small pages; so build the bigger string fresh and swap.
     std::string bigger;
-    bigger.reserve(std::max(needed, 2 * text.capacity()));
+    const std::size_t step =
+        std::min((kGrowthFactor - 1) * text.capacity(), kMaxGrowthStep);
+    bigger.reserve(std::max(needed, text.capacity() + step));
     adviseHugePages(bigger);
     bigger.append(text);
     text.swap(bigger);
