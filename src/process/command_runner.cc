@@ -72,7 +72,7 @@ ssize_t writeWithoutSigpipe(int fd, const char* data, std::size_t size) {
 
 // Only async-signal-safe calls between fork and exec: the argument array was built
 // before the fork.
-[[noreturn]] void execChild(const std::array<int, 6>& fds, char* const* args) {
+[[noreturn]] void execChild(std::array<int, 6> fds, char* const* args) {
   // The child gets the standard SIGPIPE behaviour even when our caller ignores or
   // blocks it: an ignored disposition and the signal mask survive exec.
   struct sigaction dfl {};
@@ -84,6 +84,11 @@ ssize_t writeWithoutSigpipe(int fd, const char* data, std::size_t size) {
   sigaddset(&pipeOnly, SIGPIPE);
   sigprocmask(SIG_UNBLOCK, &pipeOnly, nullptr);
 
+  // A caller started with 0, 1 or 2 closed gets pipe ends in those slots; moved
+  // above 2 first, none of them is overwritten by one dup2 or closed after another.
+  for (int& fd : fds) {
+    if (fd <= STDERR_FILENO) fd = ::fcntl(fd, F_DUPFD, STDERR_FILENO + 1);
+  }
   ::dup2(fds[0], STDIN_FILENO);
   ::dup2(fds[3], STDOUT_FILENO);
   ::dup2(fds[5], STDERR_FILENO);

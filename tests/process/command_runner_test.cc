@@ -1,7 +1,9 @@
 #include "process/command_runner.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -166,6 +168,23 @@ TEST(RunCommand, ChildGetsDefaultSigpipeEvenWhenCallerIgnoresOrBlocksIt) {
   sigprocmask(SIG_SETMASK, &savedMask, nullptr);
   sigaction(SIGPIPE, &saved, nullptr);
   EXPECT_EQ(128 + SIGPIPE, result.exitCode);
+}
+
+TEST(RunCommand, WorksWhenTheCallerHasItsStandardDescriptorsClosed) {
+  // Scripts may start us with <&- >&- 2>&-: the pipes then take descriptors 0 to 2.
+  int saved[3];
+  for (int fd = 0; fd < 3; ++fd) saved[fd] = ::fcntl(fd, F_DUPFD_CLOEXEC, 10);
+  for (int fd = 0; fd < 3; ++fd) ::close(fd);
+  CommandOptions options;
+  options.stdinData = "in";
+  const CommandResult result = runCommand({"sh", "-c", "cat; printf err >&2"}, options);
+  for (int fd = 0; fd < 3; ++fd) {
+    ::dup2(saved[fd], fd);
+    ::close(saved[fd]);
+  }
+  EXPECT_EQ(0, result.exitCode);
+  EXPECT_EQ("in", result.stdoutText);
+  EXPECT_EQ("err", result.stderrText);
 }
 
 // The observer stamps a tick a moment after the runner read its clock, and that
