@@ -25,6 +25,8 @@ std::string toLower(std::string_view s) {
   return out;
 }
 
+constexpr std::string_view kLongestKeyPrefix = "parentfilenamehint";
+
 bool startsWith(std::string_view s, std::string_view prefix) {
   return s.substr(0, prefix.size()) == prefix;
 }
@@ -63,8 +65,10 @@ bool descriptorHasParent(std::string_view descriptorHead) {
     start = end + 1;
 
     // Either kind of evidence settles the answer, so the scan stops at the first.
-    const std::string testKey = toLower(trim(line));
-    if (startsWith(testKey, "parentfilenamehint")) {
+    // Only the start of the key is compared, so only that much is lower-cased:
+    // the head of a binary extent may be one line of 64 KiB.
+    const std::string testKey = toLower(trim(line).substr(0, kLongestKeyPrefix.size()));
+    if (startsWith(testKey, kLongestKeyPrefix)) {
       if (hintNamesParent(line)) return true;
     } else if (startsWith(testKey, "parentcid")) {
       if (cidNamesParent(line)) return true;
