@@ -25,7 +25,7 @@ struct VmxData {
 };
 
 /// Reads `vmxPath`; relative disk names are completed with `vmFolder`. Throws
-/// V2vError when the file cannot be opened.
+/// V2vError when the file cannot be opened or read.
 VmxData parseVmx(const std::string& vmxPath, const std::string& vmFolder);
 
 /// How much of a disk descriptor the parent scan reads: enough for any text
