@@ -15,7 +15,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (size < orvane::kDescriptorScanBytes) {
     // A newline closes the input's last line unchanged, the filler line is no key,
     // and the parent line lies beyond the limit.
-    std::string extended(text);
+    // Kept between runs so that its 64 KiB buffer is allocated once, not per input.
+    static std::string extended;
+    extended.assign(text);
     extended += '\n';
     extended.append(orvane::kDescriptorScanBytes, 'x');
     extended += "\nparentCID=1a2b3c4d\nparentFileNameHint=\"base.vmdk\"\n";
