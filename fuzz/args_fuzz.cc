@@ -35,7 +35,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string prefix = "Unknown option: ";
     if (result.errorMessage.compare(0, prefix.size(), prefix) != 0) __builtin_trap();
     bool named = false;
-    for (const std::string& word : words) named = named || prefix + word == result.errorMessage;
+    for (const std::string& word : words)
+      named = named || prefix + word == result.errorMessage;
     if (!named) __builtin_trap();
   }
   return 0;

@@ -23,7 +23,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   using Kind = orvane::EspDecision::Kind;
 
   for (const std::string& device : orvane::parseVfatDevices(output)) {
-    if (device.empty() || isBlank(device.front()) || isBlank(device.back())) __builtin_trap();
+    if (device.empty() || isBlank(device.front()) || isBlank(device.back()))
+      __builtin_trap();
     if (device.find(':') != std::string::npos || device.find('\n') != std::string::npos) {
       __builtin_trap();
     }
@@ -38,7 +39,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       break;
     case Kind::kCopy:
       if (!startsWith(decision.source, "/EFI/")) __builtin_trap();
-      if (!startsWith(decision.note, "added \\EFI\\BOOT\\BOOTX64.EFI from ")) __builtin_trap();
+      if (!startsWith(decision.note, "added \\EFI\\BOOT\\BOOTX64.EFI from "))
+        __builtin_trap();
       if (!decision.extraGrub.empty() && !startsWith(decision.extraGrub, "/EFI/")) {
         __builtin_trap();
       }

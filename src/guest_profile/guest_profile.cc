@@ -25,8 +25,8 @@ bool isLegacyWindows(const std::string& guestOs) {
   // neither "longhorn" nor "windows7" gets an old osinfo name without being
   // treated as legacy.
   static constexpr std::string_view kLegacyMarkers[] = {
-      "win2000", "winxp", "windowsxp", "winnet", "winntguest", "vista", "longhorn",
-      "windows7"};
+      "win2000",    "winxp", "windowsxp", "winnet",
+      "winntguest", "vista", "longhorn",  "windows7"};
   for (std::string_view marker : kLegacyMarkers) {
     if (contains(guestOs, marker)) return true;
   }
@@ -38,6 +38,7 @@ std::string mapWindowsOsinfo(const std::string& guestOs) {
   // names come first because the identifier of a newer release may still hold an
   // older marker ("windows2019srvnext-64" is Server 2022). Server 2025 has no
   // osinfo name of its own yet, and Server 2008 is installed as 2008 R2.
+  // clang-format off
   static constexpr OsinfoRow kRows[] = {
       {"windows11", "win11"},
       {"2022", "win2k22"},
@@ -62,6 +63,7 @@ std::string mapWindowsOsinfo(const std::string& guestOs) {
       {"winntguest", "winnt4"},
       {"xp", "winxp"},
   };
+  // clang-format on
   for (const OsinfoRow& row : kRows) {
     if (contains(guestOs, row.marker)) return std::string(row.osinfo);
   }

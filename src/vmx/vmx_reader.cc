@@ -167,7 +167,8 @@ bool diskBefore(std::string_view a, std::string_view b) {
 
 /// The disk's file name, or "" when the device is no usable hard disk: CD/DVD and
 /// floppy devices, images that are not .vmdk, and devices not marked present.
-std::string hardDiskFileName(const std::vector<Entry>& entries, const std::string& prefix) {
+std::string hardDiskFileName(const std::vector<Entry>& entries,
+                             const std::string& prefix) {
   const std::string fileName = firstValue(entries, prefix + ".filename");
   if (fileName.empty() || !endsWith(toLower(fileName), ".vmdk")) return "";
   if (!isTrue(firstValue(entries, prefix + ".present"))) return "";
@@ -184,7 +185,8 @@ std::vector<std::string> diskPaths(const std::vector<Entry>& entries,
   std::vector<std::string> prefixes;
   for (const Entry& entry : entries) {
     if (isDiskFileKey(entry.lowerKey)) {
-      prefixes.push_back(entry.lowerKey.substr(0, entry.lowerKey.size() - kFileNameSuffix));
+      prefixes.push_back(
+          entry.lowerKey.substr(0, entry.lowerKey.size() - kFileNameSuffix));
     }
   }
   std::sort(prefixes.begin(), prefixes.end(),

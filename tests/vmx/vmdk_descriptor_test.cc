@@ -19,14 +19,16 @@ struct DescriptorCase {
 
 TEST(VmdkDescriptor, ParentDetection) {
   const DescriptorCase cases[] = {
-      {"base disk", "# Disk DescriptorFile\nversion=1\nCID=5b6c7d8e\nparentCID=ffffffff\n"
-                    "createType=\"monolithicSparse\"\nRW 41943040 SPARSE \"a-s001.vmdk\"\n",
+      {"base disk",
+       "# Disk DescriptorFile\nversion=1\nCID=5b6c7d8e\nparentCID=ffffffff\n"
+       "createType=\"monolithicSparse\"\nRW 41943040 SPARSE \"a-s001.vmdk\"\n",
        false},
-      {"no parent CID, named hint", "parentCID=ffffffff\nparentFileNameHint=\"base.vmdk\"\n",
-       true},
+      {"no parent CID, named hint",
+       "parentCID=ffffffff\nparentFileNameHint=\"base.vmdk\"\n", true},
       {"parent CID, no hint", "CID=9a8b7c6d\nparentCID=1a2b3c4d\n", true},
       {"no parent CID, no hint", "CID=9a8b7c6d\nparentCID=ffffffff\n", false},
-      {"no parent CID, empty hint", "parentCID=ffffffff\nparentFileNameHint=\"\"\n", false},
+      {"no parent CID, empty hint", "parentCID=ffffffff\nparentFileNameHint=\"\"\n",
+       false},
       {"empty hint, then a named one",
        "parentFileNameHint=\"\"\nparentFileNameHint=\"base.vmdk\"\n", true},
       {"hint on an absolute path",
@@ -42,7 +44,8 @@ TEST(VmdkDescriptor, ParentDetection) {
       {"own CID only", "CID=1a2b3c4d\n", false},
       {"commented-out parent", "#parentCID=1a2b3c4d\n# parentFileNameHint=\"b.vmdk\"\n",
        false},
-      {"CRLF line ends, no parent", "parentCID=ffffffff\r\nparentFileNameHint=\"\"\r\n", false},
+      {"CRLF line ends, no parent", "parentCID=ffffffff\r\nparentFileNameHint=\"\"\r\n",
+       false},
       {"CRLF line ends, parent", "parentCID=1a2b3c4d\r\n", true},
       {"no newline at the end", "parentCID=1a2b3c4d", true},
       {"empty text", "", false},
@@ -67,12 +70,14 @@ std::string paddedTo(std::size_t size, const std::string& tail) {
 
 TEST(VmdkDescriptor, OnlyTheFirst64KiBCount) {
   const std::string parentLine = "parentCID=1a2b3c4d\n";
-  EXPECT_TRUE(descriptorHasParent(paddedTo(kDescriptorScanBytes - parentLine.size(),
-                                            parentLine)));
+  EXPECT_TRUE(descriptorHasParent(
+      paddedTo(kDescriptorScanBytes - parentLine.size(), parentLine)));
   EXPECT_FALSE(descriptorHasParent(paddedTo(kDescriptorScanBytes, parentLine)));
   // A line cut at the limit counts for the part that is inside it.
-  EXPECT_TRUE(descriptorHasParent(paddedTo(kDescriptorScanBytes - 12, "parentCID=1a2b3c4d\n")));
-  EXPECT_FALSE(descriptorHasParent(paddedTo(kDescriptorScanBytes - 10, "parentCID=1a2b3c4d\n")));
+  EXPECT_TRUE(
+      descriptorHasParent(paddedTo(kDescriptorScanBytes - 12, "parentCID=1a2b3c4d\n")));
+  EXPECT_FALSE(
+      descriptorHasParent(paddedTo(kDescriptorScanBytes - 10, "parentCID=1a2b3c4d\n")));
 }
 
 TEST(VmdkDescriptor, FileReadStopsAt64KiB) {
@@ -80,8 +85,9 @@ TEST(VmdkDescriptor, FileReadStopsAt64KiB) {
   // A multi-megabyte extent whose parent line lies far beyond the descriptor area.
   const std::string hint = "parentFileNameHint=\"base.vmdk\"\n";
   testing::writeFile(dir.file("far.vmdk"), paddedTo(4 << 20, hint));
-  testing::writeFile(dir.file("near.vmdk"), paddedTo(kDescriptorScanBytes - hint.size(), hint) +
-                                                std::string(4 << 20, '\0'));
+  testing::writeFile(
+      dir.file("near.vmdk"),
+      paddedTo(kDescriptorScanBytes - hint.size(), hint) + std::string(4 << 20, '\0'));
   EXPECT_FALSE(vmdkHasParent(dir.file("far.vmdk")));
   EXPECT_TRUE(vmdkHasParent(dir.file("near.vmdk")));
 }

@@ -127,8 +127,8 @@ TEST(VmxReader, ReadsEsxiFile) {
   EXPECT_EQ(data.firmware, "efi");
   // The static address of ethernet1 is not a generated one.
   EXPECT_EQ(data.macAddresses, Strings{"00:50:56:9a:01:02"});
-  EXPECT_EQ(data.vmdkFiles,
-            (Strings{"/mnt/db01/db01.vmdk", "/vmfs/volumes/5f2a-datastore2/db01/db01_1.vmdk"}));
+  EXPECT_EQ(data.vmdkFiles, (Strings{"/mnt/db01/db01.vmdk",
+                                     "/vmfs/volumes/5f2a-datastore2/db01/db01_1.vmdk"}));
   EXPECT_TRUE(data.hasVtpm);
   EXPECT_TRUE(data.hasPassthrough);
   EXPECT_FALSE(data.hasSerial);
@@ -150,7 +150,10 @@ TEST(VmxReader, CrlfLineEndsReadLikeLf) {
   // The CR sits after the closing quote (ignored) or after an unquoted value (which
   // reads as empty anyway); an unclosed quote swallows it, and the value is lost.
   const VmxData data = parseVmxText(
-      "displayName = \"web 01\"\r\nnumvcpus = 4\r\nmemsize = \"2048\r\nfirmware=\"efi\"\r",
+      "displayName = \"web 01\"\r\n"
+      "numvcpus = 4\r\n"
+      "memsize = \"2048\r\n"
+      "firmware=\"efi\"\r",
       "/vm");
   EXPECT_EQ(data.displayName, "web 01");
   EXPECT_EQ(data.numVcpus, "1");
@@ -178,10 +181,13 @@ VmxData scalars(std::string displayName, std::string numVcpus, std::string memSi
 TEST(VmxReader, LineGrammarAndScalarFields) {
   const ScalarCase cases[] = {
       {"empty file gives the defaults", "", scalars("", "1", "", "", "bios")},
-      {"binary junk gives the defaults", "\x7f" "ELF\x02\x01\n\0=\0\xff\n"sv,
+      {"binary junk gives the defaults",
+       "\x7f"
+       "ELF\x02\x01\n\0=\0\xff\n"sv,
        scalars("", "1", "", "", "bios")},
       {"first occurrence wins, any key case",
-       "displayName = \"web 01\"\nDISPLAYNAME = \"x\"\n", scalars("web 01", "1", "", "", "bios")},
+       "displayName = \"web 01\"\nDISPLAYNAME = \"x\"\n",
+       scalars("web 01", "1", "", "", "bios")},
       {"an empty first value still wins", "memsize = \"\"\nmemsize = \"4096\"\n",
        scalars("", "1", "", "", "bios")},
       {"an unquoted first value reads empty and still wins",
@@ -196,10 +202,13 @@ TEST(VmxReader, LineGrammarAndScalarFields) {
       {"key trimmed of tabs and blanks, no spaces around =",
        "\t displayName\t=\"x\"\nnumvcpus=\"6\"\n", scalars("x", "6", "", "", "bios")},
       {"a # line is an ordinary key that matches nothing",
-       "#displayName = \"old\"\ndisplayName = \"new\"\n", scalars("new", "1", "", "", "bios")},
+       "#displayName = \"old\"\ndisplayName = \"new\"\n",
+       scalars("new", "1", "", "", "bios")},
       {"lines without = or with an empty key are skipped",
-       "displayName \"x\"\n = \"y\"\n\n=\ndisplayName = \"z\"", scalars("z", "1", "", "", "bios")},
-      {"last line needs no newline", "numvcpus = \"3\"", scalars("", "3", "", "", "bios")},
+       "displayName \"x\"\n = \"y\"\n\n=\ndisplayName = \"z\"",
+       scalars("z", "1", "", "", "bios")},
+      {"last line needs no newline", "numvcpus = \"3\"",
+       scalars("", "3", "", "", "bios")},
       {"empty firmware falls back to bios", "firmware = \"\"\n",
        scalars("", "1", "", "", "bios")},
       {"numbers stay text", "numvcpus = \"two\"\nmemsize = \"-5\"\n",
@@ -246,10 +255,10 @@ scsi0:0007.present = "TRUE"
 TEST(VmxReader, KeysWithHugeNumbersStillMatch) {
   // Long enough to exhaust the stack of a matcher that recurses per digit.
   const std::string digits(200000, '7');
-  const std::string text = "ethernet" + digits + ".generatedAddress = \"00:0c:29:00:00:01\"\n" +
-                           "sata" + digits + ":" + digits + ".fileName = \"d.vmdk\"\n" +
-                           "sata" + digits + ":" + digits + ".present = \"TRUE\"\n" +
-                           "serial" + digits + ".present = \"TRUE\"\n";
+  std::string text = "ethernet" + digits + ".generatedAddress = \"00:0c:29:00:00:01\"\n";
+  text += "sata" + digits + ":" + digits + ".fileName = \"d.vmdk\"\n";
+  text += "sata" + digits + ":" + digits + ".present = \"TRUE\"\n";
+  text += "serial" + digits + ".present = \"TRUE\"\n";
   const VmxData data = parseVmxText(text, "/vm");
   EXPECT_EQ(data.macAddresses, Strings{"00:0c:29:00:00:01"});
   EXPECT_EQ(data.vmdkFiles, Strings{"/vm/d.vmdk"});
@@ -264,35 +273,49 @@ struct DiskFilterCase {
 
 TEST(VmxReader, OnlyPresentVmdkHardDisksAreKept) {
   const DiskFilterCase cases[] = {
-      {"plain hard disk", "scsi0:0.fileName = \"d.vmdk\"\nscsi0:0.present = \"TRUE\"", true},
+      {"plain hard disk", "scsi0:0.fileName = \"d.vmdk\"\nscsi0:0.present = \"TRUE\"",
+       true},
       {"keys and suffix in any case",
        "SCSI0:0.FILENAME = \"d.VMDK\"\nScsi0:0.Present = \"true\"", true},
-      {"ESXi hard disk type", "scsi0:0.fileName = \"d.vmdk\"\nscsi0:0.present = \"TRUE\"\n"
-       "scsi0:0.deviceType = \"scsi-hardDisk\"", true},
+      {"ESXi hard disk type",
+       "scsi0:0.fileName = \"d.vmdk\"\nscsi0:0.present = \"TRUE\"\n"
+       "scsi0:0.deviceType = \"scsi-hardDisk\"",
+       true},
       {"ISO image", "sata0:1.fileName = \"cd.iso\"\nsata0:1.present = \"TRUE\"", false},
       {"CD-ROM image type with a vmdk name",
        "ide1:0.fileName = \"cd.vmdk\"\nide1:0.present = \"TRUE\"\n"
-       "ide1:0.deviceType = \"cdrom-image\"", false},
-      {"ATAPI CD-ROM type", "ide1:0.fileName = \"cd.vmdk\"\nide1:0.present = \"TRUE\"\n"
-       "ide1:0.deviceType = \"ATAPI-cdrom\"", false},
-      {"floppy type", "sata0:2.fileName = \"f.vmdk\"\nsata0:2.present = \"TRUE\"\n"
-       "sata0:2.deviceType = \"floppy\"", false},
+       "ide1:0.deviceType = \"cdrom-image\"",
+       false},
+      {"ATAPI CD-ROM type",
+       "ide1:0.fileName = \"cd.vmdk\"\nide1:0.present = \"TRUE\"\n"
+       "ide1:0.deviceType = \"ATAPI-cdrom\"",
+       false},
+      {"floppy type",
+       "sata0:2.fileName = \"f.vmdk\"\nsata0:2.present = \"TRUE\"\n"
+       "sata0:2.deviceType = \"floppy\"",
+       false},
       {"no present line", "scsi0:3.fileName = \"d.VMDK\"", false},
-      {"present FALSE", "scsi0:0.fileName = \"d.vmdk\"\nscsi0:0.present = \"FALSE\"", false},
+      {"present FALSE", "scsi0:0.fileName = \"d.vmdk\"\nscsi0:0.present = \"FALSE\"",
+       false},
       {"present with a blank inside the quotes",
        "scsi0:0.fileName = \"d.vmdk\"\nscsi0:0.present = \"TRUE \"", false},
       {"present 1", "scsi0:0.fileName = \"d.vmdk\"\nscsi0:0.present = \"1\"", false},
       {"first present line wins",
-       "scsi0:0.fileName = \"d.vmdk\"\nscsi0:0.present = \"FALSE\"\nscsi0:0.present = \"TRUE\"",
+       "scsi0:0.fileName = \"d.vmdk\"\nscsi0:0.present = \"FALSE\"\nscsi0:0.present = "
+       "\"TRUE\"",
        false},
       {"empty file name", "scsi0:0.fileName = \"\"\nscsi0:0.present = \"TRUE\"", false},
-      {"raw device name", "scsi0:0.fileName = \"/vmfs/devices/disks/naa.600\"\n"
-       "scsi0:0.present = \"TRUE\"", false},
-      {"unknown bus", "usb0:0.fileName = \"d.vmdk\"\nusb0:0.present = \"TRUE\"", false},
-      {"controller without a unit", "scsi0.fileName = \"d.vmdk\"\nscsi0.present = \"TRUE\"",
+      {"raw device name",
+       "scsi0:0.fileName = \"/vmfs/devices/disks/naa.600\"\n"
+       "scsi0:0.present = \"TRUE\"",
        false},
-      {"key with a trailing word", "scsi0:0.fileName2 = \"d.vmdk\"\n"
-       "scsi0:0.present = \"TRUE\"", false},
+      {"unknown bus", "usb0:0.fileName = \"d.vmdk\"\nusb0:0.present = \"TRUE\"", false},
+      {"controller without a unit",
+       "scsi0.fileName = \"d.vmdk\"\nscsi0.present = \"TRUE\"", false},
+      {"key with a trailing word",
+       "scsi0:0.fileName2 = \"d.vmdk\"\n"
+       "scsi0:0.present = \"TRUE\"",
+       false},
   };
   for (const DiskFilterCase& c : cases) {
     EXPECT_EQ(parseVmxText(c.text, "/vm").vmdkFiles.size(), c.kept ? 1u : 0u) << c.name;
@@ -342,10 +365,12 @@ TEST(VmxReader, HardwareFlags) {
       {"vtpm.present = \"TRUE\"", true, false, false},
       {"vtpm.present = \"yes\"", false, false, false},
       {"vtpm.present = \"FALSE\"\nvtpm.present = \"TRUE\"", false, false, false},
-      {"pcipassthru0.present = \"FALSE\"\npcipassthru1.present = \"TRUE\"", false, true, false},
+      {"pcipassthru0.present = \"FALSE\"\npcipassthru1.present = \"TRUE\"", false, true,
+       false},
       {"pciPassthru0.present = \"TRUE \"", false, false, false},
       {"pciPassthru.present = \"TRUE\"", false, false, false},
-      {"pciPassthru0.present = \"TRUE\"\npciPassthru0.present = \"FALSE\"", false, true, false},
+      {"pciPassthru0.present = \"TRUE\"\npciPassthru0.present = \"FALSE\"", false, true,
+       false},
       {"serial0.present = \"FALSE\"", false, false, false},
       {"serial0.present = \"FALSE\"\nserial1.present = \"True\"", false, false, true},
       {"serial0.fileType = \"pipe\"", false, false, false},
