@@ -30,7 +30,7 @@ TEST_F(ConverterKilledOnHost, FailureIsReportedAndTheFirstImageRolledBack) {
       "  kill -0 $pid 2>/dev/null || break\n"
       "  sleep 0.05\n"
       "done\n"
-      "sleep 0.3\n"
+      "sleep 0.1\n"
       "kill -KILL $child";
   CommandResult r =
       runProgramWhile(action, {"-p", folder.path(), "-o", out.path(), "-n", vm, "--yes"});
