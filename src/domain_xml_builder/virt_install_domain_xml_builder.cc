@@ -1,5 +1,7 @@
 #include "domain_xml_builder/virt_install_domain_xml_builder.h"
 
+#include <algorithm>
+
 #include "conversion/errors.h"
 #include "process/command_runner.h"
 
@@ -17,8 +19,14 @@ std::vector<std::string> buildVirtInstallArgv(const DomainSpec& spec) {
       "--clock", "offset=" + spec.clockOffset,
   };
   // clang-format on
-  // A BIOS guest keeps virt-install's default machine type; UEFI needs q35.
-  if (spec.uefi) argv.insert(argv.end(), {"--boot", "uefi", "--machine", "q35"});
+  // IDE disks need the i440fx machine ("pc"): virt-install picks q35 for the older
+  // Windows releases that are put on IDE, and libvirt then refuses the definition
+  // because q35 has no IDE controller. Otherwise a UEFI guest gets q35 and a BIOS
+  // guest keeps virt-install's default machine type.
+  const bool ide = std::any_of(spec.disks.begin(), spec.disks.end(),
+                               [](const DomainSpec::Disk& d) { return d.bus == "ide"; });
+  if (spec.uefi) argv.insert(argv.end(), {"--boot", "uefi"});
+  if (spec.uefi || ide) argv.insert(argv.end(), {"--machine", ide ? "pc" : "q35"});
   for (const DomainSpec::Disk& disk : spec.disks) {
     argv.push_back("--disk");
     argv.push_back("path=" + disk.path + ",format=qcow2,bus=" + disk.bus);

@@ -55,6 +55,17 @@ TEST(BuildVirtInstallArgv, Variants) {
        [](DomainSpec& s) { s.uefi = true; },
        {"--boot", "uefi", "--machine", "q35", "--disk", disk, "--network",
         "network=default,model=e1000"}},
+      {"ide disks get the machine that has an ide controller",
+       [](DomainSpec& s) { s.disks = {{"/i/w7-hda.qcow2", "ide"}, {"/i/w7-hdb.qcow2", "ide"}}; },
+       {"--machine", "pc", "--disk", "path=/i/w7-hda.qcow2,format=qcow2,bus=ide", "--disk",
+        "path=/i/w7-hdb.qcow2,format=qcow2,bus=ide", "--network", "network=default,model=e1000"}},
+      {"uefi on ide",
+       [](DomainSpec& s) {
+         s.uefi = true;
+         s.disks = {{"/i/w7.qcow2", "ide"}};
+       },
+       {"--boot", "uefi", "--machine", "pc", "--disk", "path=/i/w7.qcow2,format=qcow2,bus=ide",
+        "--network", "network=default,model=e1000"}},
       {"macs and several devices in order",
        [](DomainSpec& s) {
          s.disks.push_back({"/srv/vm dir/web01-sdb.qcow2", "virtio"});
