@@ -188,6 +188,9 @@ CommandResult runCommand(const std::vector<std::string>& argv,
     }
 
     if (::poll(set.data(), used, timeoutMs) == -1) {
+      // A signal handler ran (the conversion's only records the signal): poll again.
+      // Reads and writes below treat EINTR like EAGAIN and are retried on the next
+      // wake-up; waitpid is retried in place; close is never retried.
       if (errno == EINTR) continue;
       break;
     }
