@@ -1,4 +1,4 @@
-#include <regex>
+#include <algorithm>
 
 #include "conversion/conversion.h"
 #include "conversion/errors.h"
@@ -13,9 +13,12 @@ namespace {
 
 // Strict on purpose: "04", "+4" or "4.0" in a .vmx means something odd happened to
 // the file, and guessing a CPU count or memory size is not worth a broken guest.
+// The same test as the pattern ^[1-9][0-9]*$, written out because the standard
+// regex matcher recurses once per character: a corrupt .vmx with megabytes of
+// digits in one value would overflow the stack.
 bool isPositiveInt(const std::string& text) {
-  static const std::regex kPositive("^[1-9][0-9]*$", std::regex::ECMAScript);
-  return std::regex_match(text, kPositive);
+  if (text.empty() || text[0] < '1' || text[0] > '9') return false;
+  return std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
 V2vError ingestFailure(const std::string& reason) { return V2vError(reason, "ingest", false); }

@@ -83,6 +83,9 @@ TEST_F(ConversionTest, SourceValuesThatStopIngestEvenInADryRun) {
       {"numvcpus = \"08\"\n", "",
        {"ERROR: Could not read a valid CPU count from the source (got: '08').",
         "ERROR: bad cpu"}},
+      // Passes the digit test, cannot be an int; megabytes of it must not crash.
+      {"numvcpus = \"" + std::string(2 << 20, '1') + "\"\n", "",
+       {"ERROR: Unexpected error: stoi"}},
       {"memsize = \"0\"\n", "",
        {"ERROR: Could not read a valid memory size (MB) from the source (got: '0').",
         "ERROR: bad mem"}},
