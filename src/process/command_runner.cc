@@ -20,10 +20,10 @@ namespace orvane {
 namespace {
 
 // One read per readiness keeps a chatty child from starving the other pipe and
-// the progress ticks. A read empties up to a whole default-sized pipe: with 4 KiB
-// reads a fast writer is woken once per 4 KiB, and capturing a large output was
-// measured to run at under half the speed of a plain pipe read for that alone.
-constexpr std::size_t kReadChunk = 64 * 1024;
+// the progress ticks, and bounds what an observer is handed at once. 64 KiB reads
+// capture a multi-GiB output about 1.5 times faster (see docs/performance.md); the
+// tools this program drives print a few KiB, so the chunk size stays at 4 KiB.
+constexpr std::size_t kReadChunk = 4096;
 
 // close() is never retried: after EINTR the descriptor may already be gone, and a
 // retry could close one that another part of the program has just opened.
