@@ -62,7 +62,7 @@ class VmwareFolder {
   const std::string& vmxPath() const { return vmxPath_; }
   /// Full paths of every file in the folder after creation, sorted.
   const std::vector<std::string>& files() const { return files_; }
-  /// Full paths of the disks' descriptor (or monolithic) files, in spec order.
+  /// Full paths of the disks' descriptor (or monolithic) files, in the order the folder spec lists them.
   const std::vector<std::string>& diskPaths() const { return diskPaths_; }
 
  private:
