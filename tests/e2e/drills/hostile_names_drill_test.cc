@@ -105,6 +105,7 @@ TEST_F(HostileNamesOnHost, UnusableNamesAreRefusedBeforeAnythingIsMade) {
   for (const Refusal& c : refusals) {
     SCOPED_TRACE(c.what);
     auto folder = hostileFolder(c.displayName);
+    const FolderSnapshot before = snapshotFolder(folder->path());
     TempDir out("orvane-e2e-out");
     std::vector<std::string> args = {"-p", folder->path(), "-o", out.path(), "--yes"};
     args.insert(args.end(), c.nameArgs.begin(), c.nameArgs.end());
@@ -116,6 +117,7 @@ TEST_F(HostileNamesOnHost, UnusableNamesAreRefusedBeforeAnythingIsMade) {
         << r.stderrText;
     EXPECT_EQ(std::vector<std::string>{}, fileNamesIn(out.path()));
     expectNothingRanInAShell({folder->path(), out.path()});
+    EXPECT_EQ("", describeDifferences(before, snapshotFolder(folder->path())));
   }
 }
 
@@ -124,6 +126,7 @@ TEST_F(HostileNamesOnHost, UnusableNamesAreRefusedBeforeAnythingIsMade) {
 // never define a VM whose disk path was silently changed.
 TEST_F(HostileNamesOnHost, QuoteInTheOutputDirectoryFailsCleanly) {
   auto folder = hostileFolder("web01");
+  const FolderSnapshot before = snapshotFolder(folder->path());
   TempDir outParent("orvane-e2e-out");
   const std::string out = outParent.file("it's \"quoted\"");
   fs::create_directory(out);
@@ -141,6 +144,7 @@ TEST_F(HostileNamesOnHost, QuoteInTheOutputDirectoryFailsCleanly) {
   EXPECT_NE(std::string::npos,
             lastRecordFor(vm).find(" result=failure stage=vm_create "));
   expectNothingRanInAShell({folder->path(), out});
+  EXPECT_EQ("", describeDifferences(before, snapshotFolder(folder->path())));
 }
 
 }  // namespace
