@@ -68,13 +68,14 @@ class LegacyWindowsOnHost : public HostRunTest {
   TempDir out_{"orvane-e2e-out"};
 };
 
-// KNOWN FAILURE, disabled until fixed: on Debian 12, virt-install gives a BIOS guest
-// the q35 machine, which has no IDE controller, so `virsh define` refuses the domain
-// ("IDE controllers are unsupported for this QEMU binary or machine type") and the
-// run rolls back with exit 1. An IDE guest needs the i440fx ("pc") machine.
-TEST_F(LegacyWindowsOnHost, DISABLED_GetsIdeAndE1000) {
+// q35, virt-install's default machine here, has no IDE controller: libvirt would
+// refuse such a domain, so an IDE guest must come out on the i440fx machine.
+TEST_F(LegacyWindowsOnHost, GetsIdeAndE1000OnI440fx) {
   const std::string vm = vmName("w2k8r2-ide");
   migrateAndCheck(vm, {}, "ide", "hd", "e1000");
+  if (HasFatalFailure()) return;
+  const std::string xml = domainXml(vm);
+  EXPECT_TRUE(std::regex_search(xml, std::regex("machine='pc-i440fx-[^']*'"))) << xml;
   EXPECT_NE(
       std::string::npos,
       lastRecordFor(vm).find(" result=success source=vmware firmware=bios hw=ide+e1000 "))
