@@ -3,7 +3,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <regex>
 
 #include "support/private_log_dir.h"
 
@@ -99,33 +98,13 @@ int ConversionTest::run(const Options& opts, const std::string& stdinText) {
   return code;
 }
 
-std::vector<std::string> stripTimestamps(const std::string& text) {
-  static const std::regex kStamp(R"(^\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\] )");
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    lines.push_back(std::regex_replace(line, kStamp, "", std::regex_constants::format_first_only));
-  }
-  return lines;
-}
-
-bool contains(const std::vector<std::string>& lines, const std::string& line) {
-  for (const auto& l : lines) {
-    if (l == line) return true;
-  }
-  return false;
-}
-
-std::vector<std::string> ConversionTest::outLines() const { return stripTimestamps(out_); }
-std::vector<std::string> ConversionTest::errLines() const { return stripTimestamps(err_); }
+std::vector<std::string> ConversionTest::outLines() const { return consoleLines(out_); }
+std::vector<std::string> ConversionTest::errLines() const { return consoleLines(err_); }
 
 std::string ConversionTest::lastRecord() const {
-  std::istringstream in(readFile(kTestAppLog));
-  std::string last;
-  for (std::string line; std::getline(in, line);) last = line;
   // The record's first field is "[time]" with no blank after it.
-  static const std::regex kTime(R"(^\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\])");
-  return std::regex_replace(last, kTime, "", std::regex_constants::format_first_only);
+  std::string last = lastLineOf(kTestAppLog);
+  return last.size() > 21 && last[0] == '[' ? last.substr(21) : last;
 }
 
 }  // namespace orvane::testing

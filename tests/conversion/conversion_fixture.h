@@ -10,6 +10,7 @@
 #include "cli/options.h"
 #include "conversion/conversion.h"
 #include "fakes/fake_adapters.h"
+#include "support/console_lines.h"
 #include "support/fake_tools.h"
 #include "support/temp_dir.h"
 
@@ -55,8 +56,5 @@ class ConversionTest : public ::testing::Test {
   std::string err_;
 };
 
-/// The lines of `text` with a leading "[YYYY-mm-dd HH:MM:SS] " removed where present.
-std::vector<std::string> stripTimestamps(const std::string& text);
-bool contains(const std::vector<std::string>& lines, const std::string& line);
 
 }  // namespace orvane::testing

@@ -16,7 +16,7 @@ TEST_F(ConversionTest, SuccessfulRunDefinesTheVmAndRecordsSuccess) {
   ASSERT_EQ(1u, libvirt_->definedXml.size());
   EXPECT_TRUE(fs::exists(output_.file("web01.qcow2")));
   EXPECT_TRUE(libvirt_->undefined.empty());
-  EXPECT_TRUE(contains(outLines(), "VM 'web01' defined (powered off; start it when you're ready)."));
+  EXPECT_TRUE(hasLine(outLines(), "VM 'web01' defined (powered off; start it when you're ready)."));
   EXPECT_EQ(0u, lastRecord().find(" vm=web01 result=success source=vmware firmware=bios "
                                   "hw=sata+e1000 duration="))
       << lastRecord();
@@ -59,10 +59,10 @@ TEST_F(ConversionTest, FailureAfterDefinitionUndefinesAndDeletesWhatTheRunMade) 
   EXPECT_FALSE(fs::exists(output_.file("web01.qcow2")));
   EXPECT_TRUE(fs::exists(output_.file("other.qcow2")));
   std::vector<std::string> err = errLines();
-  EXPECT_TRUE(contains(err, "ERROR: Unexpected error: pool exploded"));
-  EXPECT_TRUE(contains(err, "WARN:  Rolling back: undefining VM 'web01'."));
-  EXPECT_TRUE(contains(err, "WARN:  Rolling back: deleting " + output_.file("web01.qcow2")));
-  EXPECT_TRUE(contains(outLines(), "Partial conversion rolled back; no Orvane VM left behind."));
+  EXPECT_TRUE(hasLine(err, "ERROR: Unexpected error: pool exploded"));
+  EXPECT_TRUE(hasLine(err, "WARN:  Rolling back: undefining VM 'web01'."));
+  EXPECT_TRUE(hasLine(err, "WARN:  Rolling back: deleting " + output_.file("web01.qcow2")));
+  EXPECT_TRUE(hasLine(outLines(), "Partial conversion rolled back; no Orvane VM left behind."));
   EXPECT_NE(std::string::npos, lastRecord().find(" result=failure stage=post_create "));
 }
 
@@ -82,12 +82,12 @@ TEST_F(ConversionTest, RunLogIsNamedAfterTheVmAndHoldsTheConsoleLines) {
   std::string name = logs[0].filename().string();
   EXPECT_EQ(0u, name.find("web01-")) << name;
   EXPECT_TRUE(std::regex_match(name, std::regex(R"(web01-\d{4}-\d\d-\d\d_\d\d-\d\d-\d\d\.log)")));
-  std::vector<std::string> log = stripTimestamps(readFile(logs[0].string()));
+  std::vector<std::string> log = consoleLines(readFile(logs[0].string()));
   ASSERT_GE(log.size(), 4u);
   EXPECT_EQ("orvane-v2v v0.2.2 starting", log[0]);
   EXPECT_EQ("Source path: " + source_.path(), log[1]);
   EXPECT_EQ("Mode: FULL RUN", log[3]);
-  EXPECT_TRUE(contains(log, "Full log: " + logs[0].string()));
+  EXPECT_TRUE(hasLine(log, "Full log: " + logs[0].string()));
 }
 
 TEST_F(ConversionTest, EarlyFailureNamesTheLogAfterTheSanitisedFolder) {
@@ -111,7 +111,7 @@ TEST_F(ConversionTest, MissingPathRecordsUnknownAndPrintsUsage) {
   Options o = options();
   o.path.clear();
   EXPECT_EQ(1, run(o));
-  EXPECT_TRUE(contains(errLines(), "ERROR: Missing required argument: --path"));
+  EXPECT_TRUE(hasLine(errLines(), "ERROR: Missing required argument: --path"));
   EXPECT_NE(std::string::npos, err_.find("\nUsage:\n"));
   EXPECT_EQ(0u, lastRecord().find(" vm=<unknown> result=failure stage=validation"));
 }

@@ -34,7 +34,7 @@ TEST_F(ConversionTest, CleanDryRunReportIsExact) {
   ASSERT_NE(out.end(), start);
   std::vector<std::string> report(start - 1, out.end());
   EXPECT_EQ(expected, report);
-  EXPECT_TRUE(contains(out, "Step 3/3: Preparing the dry-run summary..."));
+  EXPECT_TRUE(hasLine(out, "Step 3/3: Preparing the dry-run summary..."));
   EXPECT_TRUE(converter_->calls.empty());
   EXPECT_NE(std::string::npos, lastRecord().find(" result=dry_run "));
 }
@@ -43,8 +43,8 @@ TEST_F(ConversionTest, UefiDryRunMentionsFirmwareAndTheFix) {
   writeVmx("firmware = \"EFI\"\n" + readFile(source_.file("web01.vmx")));
   EXPECT_EQ(0, run(options(true)));
   std::vector<std::string> out = outLines();
-  EXPECT_TRUE(contains(out, "Firmware:       efi (OVMF, Secure Boot off)"));
-  EXPECT_TRUE(contains(
+  EXPECT_TRUE(hasLine(out, "Firmware:       efi (OVMF, Secure Boot off)"));
+  EXPECT_TRUE(hasLine(
       out, "UEFI boot fix would run (libguestfs): ensure \\EFI\\BOOT\\BOOTX64.EFI exists."));
 }
 
@@ -56,7 +56,7 @@ TEST_F(ConversionTest, OnlyAPlainYesConfirms) {
     o.assumeYes = false;
     EXPECT_EQ(1, run(o, answer));
     EXPECT_TRUE(converter_->calls.empty());
-    EXPECT_TRUE(contains(outLines(), "Aborted by user."));
+    EXPECT_TRUE(hasLine(outLines(), "Aborted by user."));
     EXPECT_NE(std::string::npos, out_.find("Proceed? (yes/no): "));
   }
   resetFakes();
@@ -64,9 +64,9 @@ TEST_F(ConversionTest, OnlyAPlainYesConfirms) {
   o.assumeYes = false;
   EXPECT_EQ(0, run(o, "yes\n"));
   std::vector<std::string> out = outLines();
-  EXPECT_TRUE(contains(out, "About to convert '" + source_.path() + "' into Orvane VM 'web01':"));
-  EXPECT_TRUE(contains(out, "  - Convert 1 disk(s) to qcow2 in " + output_.path()));
-  EXPECT_TRUE(contains(out, "  - Hardware: sata storage, e1000 network"));
+  EXPECT_TRUE(hasLine(out, "About to convert '" + source_.path() + "' into Orvane VM 'web01':"));
+  EXPECT_TRUE(hasLine(out, "  - Convert 1 disk(s) to qcow2 in " + output_.path()));
+  EXPECT_TRUE(hasLine(out, "  - Hardware: sata storage, e1000 network"));
 }
 
 TEST_F(ConversionTest, AssumeYesPrintsNoPlan) {
@@ -78,7 +78,7 @@ TEST_F(ConversionTest, AssumeYesPrintsNoPlan) {
 TEST_F(ConversionTest, LeftoverTargetIsABlockerAndIsNotTouched) {
   writeFile(output_.file("web01.qcow2"), "precious");
   EXPECT_EQ(1, run(options()));
-  EXPECT_TRUE(contains(errLines(), "ERROR: Target image already exists (it will not be "
+  EXPECT_TRUE(hasLine(errLines(), "ERROR: Target image already exists (it will not be "
                                    "overwritten): " + output_.file("web01.qcow2")));
   EXPECT_EQ("precious", readFile(output_.file("web01.qcow2")));
   EXPECT_TRUE(converter_->calls.empty());
@@ -98,7 +98,7 @@ TEST_F(ConversionTest, MacCollisionIsCaseInsensitiveAndDomainsAreReadOnce) {
   libvirt_->domains["quoted"] = "<mac address=\"00:50:56:00:00:02\"/>";  // not recognised
   libvirt_->domains["other"] = "<mac address='52:54:00:00:00:01'/>";
   EXPECT_EQ(1, run(options(true)));
-  EXPECT_TRUE(contains(outLines(),
+  EXPECT_TRUE(hasLine(outLines(),
                        "  - Source NIC MAC 00:50:56:AB:CD:EF is already in use on this host by VM "
                        "'db01'. orvane-v2v preserves the source MAC, so this would collide. "
                        "Remove or change the MAC on the conflicting VM, then re-run."));
@@ -112,7 +112,7 @@ TEST_F(ConversionTest, UefiGuestNeedsGuestfish) {
   setenv("PATH", tools_.dir().c_str(), 1);
   writeVmx("firmware = \"efi\"\n" + readFile(source_.file("web01.vmx")));
   EXPECT_EQ(1, run(options(true)));
-  EXPECT_TRUE(contains(outLines(), "  - This is a UEFI guest, which needs guestfish "
+  EXPECT_TRUE(hasLine(outLines(), "  - This is a UEFI guest, which needs guestfish "
                                    "(libguestfs-tools) for the boot fix, but it isn't "
                                    "installed. Install libguestfs-tools and retry."));
 }

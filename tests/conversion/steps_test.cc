@@ -35,10 +35,10 @@ TEST_F(StepsTest, SecondDiskFailingRollsBackOnlyTheFirst) {
   converter_->failure = CommandResult{1, "", "qemu-img: Could not open 'disk1.vmdk'\n"};
   EXPECT_EQ(1, run(options()));
   EXPECT_EQ(2u, converter_->calls.size());
-  EXPECT_TRUE(contains(errLines(), "ERROR: qemu-img conversion failed for " +
+  EXPECT_TRUE(hasLine(errLines(), "ERROR: qemu-img conversion failed for " +
                                        source_.file("disk1.vmdk") +
                                        ": qemu-img: Could not open 'disk1.vmdk'"));
-  EXPECT_TRUE(contains(errLines(), "WARN:  Rolling back: deleting " + image('a')));
+  EXPECT_TRUE(hasLine(errLines(), "WARN:  Rolling back: deleting " + image('a')));
   EXPECT_FALSE(fs::exists(image('a')));
   EXPECT_EQ(std::string::npos, err_.find("Rolling back: deleting " + image('b')));
   EXPECT_EQ(std::string::npos, err_.find("ERROR: qemu-img conversion failed\n"));
@@ -49,7 +49,7 @@ TEST_F(StepsTest, ConversionFailureFallsBackToStdout) {
   converter_->failAtCall = 0;
   converter_->failure = CommandResult{127, "", ""};
   EXPECT_EQ(1, run(options()));
-  EXPECT_TRUE(contains(errLines(),
+  EXPECT_TRUE(hasLine(errLines(),
                        "ERROR: qemu-img conversion failed for " + source_.file("web01.vmdk") + ": "));
 }
 
@@ -79,7 +79,7 @@ TEST_F(StepsTest, UefiOutcomesDecideTheExitCode) {
     EXPECT_EQ(c.exitCode, run(options()));
     ASSERT_EQ(1u, fixer_->calls.size());
     EXPECT_EQ((std::vector<std::string>{image('a'), image('b'), image('c')}), fixer_->calls[0]);
-    EXPECT_TRUE(contains(errLines(), c.firstError)) << err_;
+    EXPECT_TRUE(hasLine(errLines(), c.firstError)) << err_;
     EXPECT_TRUE(libvirt_->definedXml.empty());
     for (char d : {'a', 'b', 'c'}) EXPECT_FALSE(fs::exists(image(d)));
     EXPECT_NE(std::string::npos, lastRecord().find(c.stage)) << lastRecord();
@@ -104,8 +104,8 @@ TEST_F(StepsTest, UefiGuestIsDefinedWithUefiAndTheNoteReachesTheSummary) {
   EXPECT_EQ("00:50:56:00:00:02", spec.nics[1].mac);
   EXPECT_EQ("e1000", spec.nics[1].model);
   std::vector<std::string> out = outLines();
-  EXPECT_TRUE(contains(out, "  UEFI: added \\EFI\\BOOT\\BOOTX64.EFI from shimx64.efi"));
-  EXPECT_TRUE(contains(out, "  - UEFI boot: added \\EFI\\BOOT\\BOOTX64.EFI from shimx64.efi."));
+  EXPECT_TRUE(hasLine(out, "  UEFI: added \\EFI\\BOOT\\BOOTX64.EFI from shimx64.efi"));
+  EXPECT_TRUE(hasLine(out, "  - UEFI boot: added \\EFI\\BOOT\\BOOTX64.EFI from shimx64.efi."));
 }
 
 TEST_F(StepsTest, BiosGuestSkipsTheFixerAndAGuestWithoutNicsGetsOne) {
@@ -113,11 +113,11 @@ TEST_F(StepsTest, BiosGuestSkipsTheFixerAndAGuestWithoutNicsGetsOne) {
            "scsi0:0.fileName = \"web01.vmdk\"\n");
   EXPECT_EQ(0, run(options()));
   EXPECT_TRUE(fixer_->calls.empty());
-  EXPECT_TRUE(contains(outLines(), "Step 4/7: BIOS guest -- no UEFI boot fix needed."));
+  EXPECT_TRUE(hasLine(outLines(), "Step 4/7: BIOS guest -- no UEFI boot fix needed."));
   ASSERT_EQ(1u, xml_->specs[0].nics.size());
   EXPECT_EQ("", xml_->specs[0].nics[0].mac);
   EXPECT_EQ("e1000", xml_->specs[0].nics[0].model);
-  EXPECT_TRUE(contains(outLines(), "  Explicit output directory; no pool refresh needed."));
+  EXPECT_TRUE(hasLine(outLines(), "  Explicit output directory; no pool refresh needed."));
   for (const auto& call : libvirt_->calls) EXPECT_NE(0u, call.find("refreshPool"));
 }
 
@@ -136,8 +136,8 @@ TEST_F(StepsTest, ToolErrorTextsAreLoggedLineByLine) {
   resetFakes();
   libvirt_->defineError = "error: Failed to define domain\n";
   EXPECT_EQ(1, run(options()));
-  EXPECT_TRUE(contains(errLines(), "ERROR: virsh define failed:"));
-  EXPECT_TRUE(contains(errLines(), "ERROR: error: Failed to define domain"));
+  EXPECT_TRUE(hasLine(errLines(), "ERROR: virsh define failed:"));
+  EXPECT_TRUE(hasLine(errLines(), "ERROR: error: Failed to define domain"));
   EXPECT_TRUE(libvirt_->undefined.empty());
   EXPECT_NE(std::string::npos, lastRecord().find(" result=failure stage=vm_create "));
 }
@@ -147,8 +147,8 @@ TEST_F(StepsTest, DefaultPoolIsRefreshedAndAFailedRefreshOnlyWarns) {
   o.outputDir.clear();
   libvirt_->refreshResult = false;
   EXPECT_EQ(0, run(o));
-  EXPECT_TRUE(contains(libvirt_->calls, "refreshPool default"));
-  EXPECT_TRUE(contains(errLines(),
+  EXPECT_TRUE(hasLine(libvirt_->calls, "refreshPool default"));
+  EXPECT_TRUE(hasLine(errLines(),
                        "WARN:  Could not refresh the 'default' pool (images are still in place)."));
 }
 

@@ -14,22 +14,22 @@ TEST_F(ConversionTest, DryRunCollectsEveryHostBlockerAndGoesOn) {
   o.outputDir = output_.file("missing");
   EXPECT_EQ(1, run(o));
   std::vector<std::string> out = outLines();
-  EXPECT_TRUE(contains(out, "Step 1/3: validation passed."));
-  EXPECT_TRUE(contains(out, "Issues -- a real run would FAIL:"));
-  EXPECT_TRUE(contains(out, "  - libvirt's 'default' network is defined but not active. Start it:"));
-  EXPECT_TRUE(contains(out, "      virsh net-start default && virsh net-autostart default"));
-  EXPECT_TRUE(contains(out, "  - Output directory does not exist or is not a directory: " +
+  EXPECT_TRUE(hasLine(out, "Step 1/3: validation passed."));
+  EXPECT_TRUE(hasLine(out, "Issues -- a real run would FAIL:"));
+  EXPECT_TRUE(hasLine(out, "  - libvirt's 'default' network is defined but not active. Start it:"));
+  EXPECT_TRUE(hasLine(out, "      virsh net-start default && virsh net-autostart default"));
+  EXPECT_TRUE(hasLine(out, "  - Output directory does not exist or is not a directory: " +
                                 output_.file("missing")));
-  EXPECT_TRUE(contains(out, "  - A VM named 'web01' already exists in Orvane."));
-  EXPECT_TRUE(contains(out, "(Dry run. A real run would FAIL for the reason(s) above.)"));
+  EXPECT_TRUE(hasLine(out, "  - A VM named 'web01' already exists in Orvane."));
+  EXPECT_TRUE(hasLine(out, "(Dry run. A real run would FAIL for the reason(s) above.)"));
 }
 
 TEST_F(ConversionTest, RealRunStopsAtTheFirstBlocker) {
   libvirt_->networkIsDefined = false;
   EXPECT_EQ(1, run(options()));
   std::vector<std::string> err = errLines();
-  EXPECT_TRUE(contains(err, "ERROR: libvirt's 'default' network is not defined; NICs cannot be attached."));
-  EXPECT_TRUE(contains(err, "ERROR: Define and start it, then retry."));
+  EXPECT_TRUE(hasLine(err, "ERROR: libvirt's 'default' network is not defined; NICs cannot be attached."));
+  EXPECT_TRUE(hasLine(err, "ERROR: Define and start it, then retry."));
   EXPECT_EQ(std::string::npos, out_.find("Step 2/7"));
   EXPECT_NE(std::string::npos, lastRecord().find(" result=failure stage=validation "));
 }
@@ -42,7 +42,7 @@ TEST_F(ConversionTest, TrailingSlashIsDroppedAndCapitalVmxAccepted) {
   Options o = options(true);
   o.path += "/";
   EXPECT_EQ(0, run(o));
-  EXPECT_TRUE(contains(outLines(), "Source:         vmware (" + source_.path() + ")"));
+  EXPECT_TRUE(hasLine(outLines(), "Source:         vmware (" + source_.path() + ")"));
 }
 
 TEST_F(ConversionTest, VmxCountDecidesTheSource) {
@@ -52,7 +52,7 @@ TEST_F(ConversionTest, VmxCountDecidesTheSource) {
   writeVmx("displayName = \"b\"\n", "b.vmx");
   resetFakes();
   EXPECT_EQ(1, run(options(true)));
-  EXPECT_TRUE(contains(errLines(), "ERROR: Multiple .vmx files found in " + source_.path() +
+  EXPECT_TRUE(hasLine(errLines(), "ERROR: Multiple .vmx files found in " + source_.path() +
                                        "; cannot determine which VM to convert."));
 }
 
@@ -61,7 +61,7 @@ TEST_F(ConversionTest, MissingCommandIsNamed) {
   fs::remove(fs::path(tools_.dir()) / "qemu-img");
   setenv("PATH", tools_.dir().c_str(), 1);  // hide the host's own qemu-img too
   EXPECT_EQ(1, run(options()));
-  EXPECT_TRUE(contains(errLines(), "ERROR: Required command not found in PATH: qemu-img"));
+  EXPECT_TRUE(hasLine(errLines(), "ERROR: Required command not found in PATH: qemu-img"));
 }
 
 TEST_F(ConversionTest, NoOutputDirAndNoPoolStops) {
@@ -69,7 +69,7 @@ TEST_F(ConversionTest, NoOutputDirAndNoPoolStops) {
   Options o = options(true);
   o.outputDir.clear();
   EXPECT_EQ(1, run(o));
-  EXPECT_TRUE(contains(errLines(),
+  EXPECT_TRUE(hasLine(errLines(),
                        "ERROR: No libvirt 'default' storage pool found, and no --output-dir given."));
 }
 
@@ -107,7 +107,7 @@ TEST_F(ConversionTest, SourceValuesThatStopIngestEvenInADryRun) {
     o.vmName = c.vmName;
     EXPECT_EQ(1, run(o));
     std::vector<std::string> err = errLines();
-    for (const auto& line : c.errors) EXPECT_TRUE(contains(err, line)) << line << "\n" << err_;
+    for (const auto& line : c.errors) EXPECT_TRUE(hasLine(err, line)) << line << "\n" << err_;
     EXPECT_EQ(std::string::npos, out_.find("DRY RUN SUMMARY"));
     EXPECT_NE(std::string::npos, lastRecord().find(" result=dry_run_failed "));
     writeVmx(readFile(source_.file("web01.vmx")).substr(c.vmxExtra.size()));
@@ -120,11 +120,11 @@ TEST_F(ConversionTest, LegacyWindowsGetsIdeAndVirtioWarningsWhenForced) {
   o.virtio = true;
   EXPECT_EQ(0, run(o));
   std::vector<std::string> out = outLines();
-  EXPECT_TRUE(contains(out, "  Storage/Net  : virtio / virtio"));
-  EXPECT_TRUE(contains(out, "                 (IDE: pre-Windows-8 guest, most reliable boot)"));
-  EXPECT_TRUE(contains(out, "  os-variant   : win2k8r2"));
-  EXPECT_TRUE(contains(out, "  Clock        : localtime"));
-  EXPECT_TRUE(contains(errLines(),
+  EXPECT_TRUE(hasLine(out, "  Storage/Net  : virtio / virtio"));
+  EXPECT_TRUE(hasLine(out, "                 (IDE: pre-Windows-8 guest, most reliable boot)"));
+  EXPECT_TRUE(hasLine(out, "  os-variant   : win2k8r2"));
+  EXPECT_TRUE(hasLine(out, "  Clock        : localtime"));
+  EXPECT_TRUE(hasLine(errLines(),
                        "WARN:  guest to ALREADY have the virtio-win drivers installed, or the VM"));
 }
 
@@ -140,18 +140,18 @@ TEST_F(ConversionTest, IdeTakesFourDisksButNotFive) {
   fs::remove(source_.file("web01.vmx"));
   writeVmx(vmx, "w2k8.vmx");
   EXPECT_EQ(1, run(options(true)));
-  EXPECT_TRUE(contains(outLines(), "  - This pre-Windows-8 guest must use the IDE bus, but IDE "
+  EXPECT_TRUE(hasLine(outLines(), "  - This pre-Windows-8 guest must use the IDE bus, but IDE "
                                    "supports at most 4 disks and this VM has 5. Not supported."));
-  EXPECT_TRUE(contains(outLines(), "        -> " + output_.file("w2k8-hde.qcow2") + "  (hde)"));
+  EXPECT_TRUE(hasLine(outLines(), "        -> " + output_.file("w2k8-hde.qcow2") + "  (hde)"));
 }
 
 TEST_F(ConversionTest, SnapshotDeltaIsListedOnTwoLines) {
   writeDisk("web01.vmdk", "parentCID=1a2b3c4d\n");
   EXPECT_EQ(1, run(options(true)));
   std::vector<std::string> out = outLines();
-  EXPECT_TRUE(contains(out, "  - This VM is running on a snapshot (or is a linked clone). These "
+  EXPECT_TRUE(hasLine(out, "  - This VM is running on a snapshot (or is a linked clone). These "
                             "disk(s) are deltas on a parent chain: web01.vmdk"));
-  EXPECT_TRUE(contains(out, "    orvane-v2v converts only consolidated disks. In vSphere, "
+  EXPECT_TRUE(hasLine(out, "    orvane-v2v converts only consolidated disks. In vSphere, "
                             "delete or consolidate all snapshots for this VM, then re-run."));
 }
 
@@ -159,10 +159,10 @@ TEST_F(ConversionTest, HeadsUpWarnsOnlyForPresentFeatures) {
   writeVmx(readFile(source_.file("web01.vmx")) +
            "vtpm.present = \"TRUE\"\nserial0.present = \"TRUE\"\n");
   EXPECT_EQ(0, run(options(true)));
-  EXPECT_TRUE(contains(outLines(), "Heads-up:"));
+  EXPECT_TRUE(hasLine(outLines(), "Heads-up:"));
   std::vector<std::string> err = errLines();
-  EXPECT_TRUE(contains(err, "WARN:  Source has a virtual TPM. We do NOT add one. If BitLocker is enabled,"));
-  EXPECT_TRUE(contains(err, "WARN:  Source has a serial port; it is not recreated. If an application or"));
+  EXPECT_TRUE(hasLine(err, "WARN:  Source has a virtual TPM. We do NOT add one. If BitLocker is enabled,"));
+  EXPECT_TRUE(hasLine(err, "WARN:  Source has a serial port; it is not recreated. If an application or"));
   EXPECT_EQ(std::string::npos, err_.find("PCI passthrough"));
 }
 

@@ -8,6 +8,7 @@
 
 #include "cli/usage.h"
 #include "process/command_runner.h"
+#include "support/console_lines.h"
 #include "support/fake_tools.h"
 #include "support/private_log_dir.h"
 #include "support/temp_dir.h"
@@ -38,20 +39,6 @@ printf 'QFI' > "$last"
 printf '    (100.00/100%%)\r'
 exit 0)";
 
-std::vector<std::string> stripStamps(const std::string& text) {
-  static const std::regex kStamp(R"(^\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\] )");
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    lines.push_back(std::regex_replace(line, kStamp, "", std::regex_constants::format_first_only));
-  }
-  return lines;
-}
-
-bool has(const std::vector<std::string>& lines, const std::string& line) {
-  return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
-
 class ProcessTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -80,12 +67,7 @@ class ProcessTest : public ::testing::Test {
     return runCommand(args, options);
   }
 
-  std::string lastRecord() {
-    std::istringstream in(readFile(kTestAppLog));
-    std::string last;
-    for (std::string line; std::getline(in, line);) last = line;
-    return last;
-  }
+  std::string lastRecord() { return lastLineOf(kTestAppLog); }
 
   FakeTools tools_;
   TempDir source_{"orvane-src"};
@@ -117,12 +99,12 @@ TEST_F(ProcessTest, DryRunListsEveryBlockerAndChangesNothing) {
                                            "ethernet1.generatedAddress = \"52:54:00:00:00:01\"\n");
   CommandResult r = runProgram({"-p", source_.path(), "-o", output_.path(), "--dry-run"});
   EXPECT_EQ(1, r.exitCode);
-  std::vector<std::string> out = stripStamps(r.stdoutText);
-  EXPECT_TRUE(has(out, "  - Target image already exists (it will not be overwritten): " +
+  std::vector<std::string> out = consoleLines(r.stdoutText);
+  EXPECT_TRUE(hasLine(out, "  - Target image already exists (it will not be overwritten): " +
                            output_.file("web01.qcow2")));
-  EXPECT_TRUE(has(out, "    Remove or rename it, or choose a different --output-dir / "
+  EXPECT_TRUE(hasLine(out, "    Remove or rename it, or choose a different --output-dir / "
                        "--vm-name, then re-run."));
-  EXPECT_TRUE(has(out, "  - Source NIC MAC 52:54:00:00:00:01 is already in use on this host "
+  EXPECT_TRUE(hasLine(out, "  - Source NIC MAC 52:54:00:00:00:01 is already in use on this host "
                        "by VM 'db01'. orvane-v2v preserves the source MAC, so this would "
                        "collide. Remove or change the MAC on the conflicting VM, then re-run."));
   EXPECT_TRUE(tools_.calls("qemu-img").empty());
@@ -140,7 +122,7 @@ TEST_F(ProcessTest, ConfirmedRunConvertsDefinesAndRefreshesThePool) {
             qemu[0]);
   auto install = tools_.calls("virt-install");
   ASSERT_EQ(1u, install.size());
-  EXPECT_TRUE(has(install[0], "network=default,model=e1000,mac=00:50:56:aa:bb:cc"));
+  EXPECT_TRUE(hasLine(install[0], "network=default,model=e1000,mac=00:50:56:aa:bb:cc"));
   bool defined = false;
   bool refreshed = false;
   for (const auto& call : tools_.calls("virsh")) {
@@ -149,13 +131,13 @@ TEST_F(ProcessTest, ConfirmedRunConvertsDefinesAndRefreshesThePool) {
   }
   EXPECT_TRUE(defined);
   EXPECT_TRUE(refreshed);
-  std::vector<std::string> out = stripStamps(r.stdoutText);
+  std::vector<std::string> out = consoleLines(r.stdoutText);
   // With input from a pipe no newline follows the prompt, so the answer's log line
   // shares its line.
   EXPECT_NE(std::string::npos,
             r.stdoutText.find("Proceed? (yes/no): [")) << r.stdoutText;
   EXPECT_NE(std::string::npos, r.stdoutText.find("] User confirmation response: yes\n"));
-  EXPECT_TRUE(has(out, "  'default' pool refreshed."));
+  EXPECT_TRUE(hasLine(out, "  'default' pool refreshed."));
   EXPECT_NE(std::string::npos, lastRecord().find(" vm=web01 result=success source=vmware "
                                                  "firmware=bios hw=sata+e1000 "));
 }
@@ -185,10 +167,10 @@ TEST_F(ProcessTest, RefusedDefinitionRollsBackTheImages) {
   setenv("FAKE_DEFINE_FAILS", "XML error: bad thing", 1);
   CommandResult r = runProgram({"-p", source_.path(), "-o", output_.path(), "--yes"});
   EXPECT_EQ(1, r.exitCode);
-  std::vector<std::string> err = stripStamps(r.stderrText);
-  EXPECT_TRUE(has(err, "ERROR: virsh define failed:"));
-  EXPECT_TRUE(has(err, "ERROR: error: XML error: bad thing"));
-  EXPECT_TRUE(has(err, "WARN:  Rolling back: deleting " + output_.file("web01.qcow2")));
+  std::vector<std::string> err = consoleLines(r.stderrText);
+  EXPECT_TRUE(hasLine(err, "ERROR: virsh define failed:"));
+  EXPECT_TRUE(hasLine(err, "ERROR: error: XML error: bad thing"));
+  EXPECT_TRUE(hasLine(err, "WARN:  Rolling back: deleting " + output_.file("web01.qcow2")));
   EXPECT_FALSE(fs::exists(output_.file("web01.qcow2")));
   EXPECT_NE(std::string::npos, lastRecord().find(" result=failure stage=vm_create "));
   // Nothing is left in /tmp by the definition either.

@@ -17,26 +17,11 @@
 #include <vector>
 
 #include "process/command_runner.h"
+#include "support/console_lines.h"
 #include "support/private_log_dir.h"
 #include "support/temp_dir.h"
 
 namespace orvane::testing {
-
-/// Console output split into lines, each without its "[date time] " stamp.
-inline std::vector<std::string> consoleLines(const std::string& text) {
-  static const std::regex kStamp(R"(^\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\] )");
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    lines.push_back(
-        std::regex_replace(line, kStamp, "", std::regex_constants::format_first_only));
-  }
-  return lines;
-}
-
-inline bool hasLine(const std::vector<std::string>& lines, const std::string& line) {
-  return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
 
 /// The lines that follow `first` (exclusive), up to `count` of them.
 inline std::vector<std::string> linesAfter(const std::vector<std::string>& lines,
@@ -47,16 +32,6 @@ inline std::vector<std::string> linesAfter(const std::vector<std::string>& lines
   const auto n =
       std::min<std::ptrdiff_t>(static_cast<std::ptrdiff_t>(count), lines.end() - it);
   return std::vector<std::string>(it, it + n);
-}
-
-/// The newest outcome record of `vm` in this test's private application log.
-inline std::string lastRecordFor(const std::string& vm) {
-  std::istringstream in(readFile(kTestAppLog));
-  std::string found;
-  for (std::string line; std::getline(in, line);) {
-    if (line.find(" vm=" + vm + " ") != std::string::npos) found = line;
-  }
-  return found;
 }
 
 inline bool domainDefined(const std::string& name) {

@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "process/command_runner.h"
+#include "support/console_lines.h"
 #include "support/private_log_dir.h"
 #include "support/temp_dir.h"
 #include "support/vmware_folder.h"
@@ -30,15 +31,6 @@ void writePatternedRaw(const std::string& path, std::uint64_t size, char seed) {
   }
   out.close();
   fs::resize_file(path, size);
-}
-
-std::string lastRecordFor(const std::string& vm) {
-  std::istringstream in(readFile(kTestAppLog));
-  std::string found;
-  for (std::string line; std::getline(in, line);) {
-    if (line.find(" vm=" + vm + " ") != std::string::npos) found = line;
-  }
-  return found;
 }
 
 class BiosMigrationOnHost : public ::testing::Test {
