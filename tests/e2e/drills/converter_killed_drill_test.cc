@@ -13,13 +13,8 @@ namespace {
 class ConverterKilledOnHost : public HostRunTest {};
 
 TEST_F(ConverterKilledOnHost, FailureIsReportedAndTheFirstImageRolledBack) {
-  VmwareFolderSpec spec;
-  spec.displayName = "killed01";
-  spec.disks = {VmwareDiskSpec{"scsi0:0", "", 2ULL << 20, "monolithicFlat"},
-                VmwareDiskSpec{"scsi0:1", "", 1ULL << 30, "monolithicFlat"}};
-  VmwareFolder folder(spec);
-  fillWithData(flatExtentOf(folder.diskPaths()[0]), 'a');
-  fillWithData(flatExtentOf(folder.diskPaths()[1]), 'b');
+  const std::unique_ptr<VmwareFolder> source = twoFlatDiskFolder("killed01", 1ULL << 30);
+  const VmwareFolder& folder = *source;
   const FolderSnapshot before = snapshotFolder(folder.path());
   TempDir out("orvane-e2e-out");
   const std::string vm = vmName("killed");

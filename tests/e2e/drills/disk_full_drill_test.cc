@@ -37,13 +37,8 @@ class DiskFullOnHost : public HostRunTest {
 };
 
 TEST_F(DiskFullOnHost, SecondDiskDoesNotFitAndTheFirstIsRolledBack) {
-  VmwareFolderSpec spec;
-  spec.displayName = "full01";
-  spec.disks = {VmwareDiskSpec{"scsi0:0", "", 2ULL << 20, "monolithicFlat"},
-                VmwareDiskSpec{"scsi0:1", "", 32ULL << 20, "monolithicFlat"}};
-  VmwareFolder folder(spec);
-  fillWithData(flatExtentOf(folder.diskPaths()[0]), 'a');
-  fillWithData(flatExtentOf(folder.diskPaths()[1]), 'b');
+  const std::unique_ptr<VmwareFolder> source = twoFlatDiskFolder("full01", 32ULL << 20);
+  const VmwareFolder& folder = *source;
   const FolderSnapshot before = snapshotFolder(folder.path());
   const std::string vm = vmName("full");
 

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -20,6 +21,7 @@
 #include "support/console_lines.h"
 #include "support/private_log_dir.h"
 #include "support/temp_dir.h"
+#include "support/vmware_folder.h"
 
 namespace orvane::testing {
 
@@ -81,6 +83,20 @@ inline void fillWithData(const std::string& path, char seed) {
 /// The flat extent that qemu-img makes beside a "monolithicFlat" descriptor.
 inline std::string flatExtentOf(const std::string& descriptor) {
   return descriptor.substr(0, descriptor.size() - 5) + "-flat.vmdk";
+}
+
+/// A folder whose two flat disks hold data throughout: a small first disk that
+/// converts at once, and a second of `secondBytes` during which a drill strikes.
+inline std::unique_ptr<VmwareFolder> twoFlatDiskFolder(const std::string& name,
+                                                       std::uint64_t secondBytes) {
+  VmwareFolderSpec spec;
+  spec.displayName = name;
+  spec.disks = {VmwareDiskSpec{"scsi0:0", "", 2ULL << 20, "monolithicFlat"},
+                VmwareDiskSpec{"scsi0:1", "", secondBytes, "monolithicFlat"}};
+  auto folder = std::make_unique<VmwareFolder>(spec);
+  fillWithData(flatExtentOf(folder->diskPaths()[0]), 'a');
+  fillWithData(flatExtentOf(folder->diskPaths()[1]), 'b');
+  return folder;
 }
 
 /// sha256 of `bytes`, as sha256sum prints it.
