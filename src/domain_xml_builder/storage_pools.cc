@@ -134,6 +134,15 @@ std::set<std::string> imageDirectories(const std::vector<std::string>& imagePath
   return dirs;
 }
 
+HeldSignals::HeldSignals() {
+  sigset_t held;
+  sigemptyset(&held);
+  for (int signo : {SIGHUP, SIGINT, SIGTERM}) sigaddset(&held, signo);
+  sigprocmask(SIG_BLOCK, &held, &saved_);
+}
+
+HeldSignals::~HeldSignals() { sigprocmask(SIG_SETMASK, &saved_, nullptr); }
+
 HostLock::HostLock(const std::string& path) {
   fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   if (fd_ < 0) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <signal.h>
+
 #include <set>
 #include <string>
 #include <vector>
@@ -33,6 +35,19 @@ std::string restorePools(const PoolChanges& changes, const PoolStates& after,
 
 /// The directory of each image, as virt-install names it when it looks for a pool.
 std::set<std::string> imageDirectories(const std::vector<std::string>& imagePaths);
+
+/// Holds back SIGHUP, SIGINT and SIGTERM for the object's lifetime, for this process and
+/// the commands it starts meanwhile; a signal sent meanwhile arrives when it ends.
+class HeldSignals {
+ public:
+  HeldSignals();
+  ~HeldSignals();
+  HeldSignals(const HeldSignals&) = delete;
+  HeldSignals& operator=(const HeldSignals&) = delete;
+
+ private:
+  sigset_t saved_;
+};
 
 /// An exclusive lock on a file, held for the object's lifetime. Every run takes the
 /// same file, so the lock is host-wide.

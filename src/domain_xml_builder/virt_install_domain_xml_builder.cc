@@ -67,19 +67,28 @@ std::string VirtInstallDomainXmlBuilder::buildDomainXml(const DomainSpec& spec,
   HostLock lock(lockPath_);
   PoolStates before;
   std::string error;
-  if (!listPools(before, error)) throw V2vError(error);
+  {
+    HeldSignals held;
+    if (!listPools(before, error)) throw V2vError(error);
+  }
 
   CommandOptions options;
   options.progress = progress;
   options.tickIntervalMs = 100;
   const CommandResult result = runCommand(buildVirtInstallArgv(spec), options);
 
+  // Ctrl-C at a terminal reaches every process of the foreground group: the virsh
+  // calls that put the pools back must not die of the Ctrl-C that cut virt-install
+  // short (measured: the pool stayed). The run still sees the signal afterwards.
   PoolStates after;
   std::string restoreError;
-  if (listPools(after, error)) {
-    restoreError = restorePools(poolChanges(before, after), after, imageDirectories(images));
-  } else {
-    restoreError = error + "\n";
+  {
+    HeldSignals held;
+    if (listPools(after, error)) {
+      restoreError = restorePools(poolChanges(before, after), after, imageDirectories(images));
+    } else {
+      restoreError = error + "\n";
+    }
   }
   if (!result.ok()) throw V2vError(result.stderrText + restoreError);
   if (!restoreError.empty()) throw V2vError(restoreError);
