@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "conversion/errors.h"
+#include "domain_xml_builder/storage_pools.h"
 #include "process/command_runner.h"
 
 namespace orvane {
@@ -43,13 +44,54 @@ std::vector<std::string> buildVirtInstallArgv(const DomainSpec& spec) {
   return argv;
 }
 
+// virt-install looks up a storage pool for the directory of every --disk path, even
+// with --print-xml: when no pool covers that directory it defines one named after the
+// directory, starts it and marks it autostart; when a stopped pool covers it, it starts
+// that pool (virtinst's diskbackend.manage_path). It skips this only for paths under
+// /dev, /sys and /proc or for URLs, none of which names an image file in the output
+// directory, so the command line stays as it is and the run undoes the side effect
+// instead: it notes the pools before virt-install runs and afterwards stops and
+// undefines a pool that is new and covers an image's directory (pool-undefine keeps
+// the directory and its files), and stops again a pool of such a directory that
+// virt-install started. The `default` pool already covers its directory, so images put
+// there meet no new pool, and the define step's refresh stays as it was.
+// Every run takes one host-wide lock around that window. Without it, runs into one new
+// directory raced: each virt-install tried to define the same pool, and one failed with
+// "pool 'DIR' already exists" (2 of 12 parallel runs); and one run could remove a pool
+// that another run's virt-install was still using.
 std::string VirtInstallDomainXmlBuilder::buildDomainXml(const DomainSpec& spec,
                                                         ProgressObserver* progress) {
+  std::vector<std::string> images;
+  for (const DomainSpec::Disk& disk : spec.disks) images.push_back(disk.path);
+
+  HostLock lock(lockPath_);
+  PoolStates before;
+  std::string error;
+  {
+    HeldSignals held;
+    if (!listPools(before, error)) throw V2vError(error);
+  }
+
   CommandOptions options;
   options.progress = progress;
   options.tickIntervalMs = 100;
-  CommandResult result = runCommand(buildVirtInstallArgv(spec), options);
-  if (!result.ok()) throw V2vError(result.stderrText);
+  const CommandResult result = runCommand(buildVirtInstallArgv(spec), options);
+
+  // Ctrl-C at a terminal reaches every process of the foreground group: the virsh
+  // calls that put the pools back must not die of the Ctrl-C that cut virt-install
+  // short (measured: the pool stayed). The run still sees the signal afterwards.
+  PoolStates after;
+  std::string restoreError;
+  {
+    HeldSignals held;
+    if (listPools(after, error)) {
+      restoreError = restorePools(poolChanges(before, after), after, imageDirectories(images));
+    } else {
+      restoreError = error + "\n";
+    }
+  }
+  if (!result.ok()) throw V2vError(result.stderrText + restoreError);
+  if (!restoreError.empty()) throw V2vError(restoreError);
   return result.stdoutText;
 }
 

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <cstdlib>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -102,6 +103,23 @@ std::string describeStatus(int status) {
 }
 
 }  // namespace
+
+bool kvmRunsGuests() { return readFile(kKvmStateFile) == "works\n"; }
+
+std::string domainTypeForThisHost(const std::string& domainXml) {
+  if (kvmRunsGuests()) return domainXml;
+  std::string xml = domainXml;
+  const std::size_t tagEnd = xml.find('>', xml.find("<domain"));
+  for (const char* kvm : {"type=\"kvm\"", "type='kvm'"}) {
+    const std::size_t at = xml.find(kvm);
+    if (at != std::string::npos && at < tagEnd) xml.replace(at, 10, "type='qemu'");
+  }
+  return xml;
+}
+
+void useTcgUnlessKvmRunsGuests() {
+  if (!kvmRunsGuests()) setenv("LIBGUESTFS_BACKEND_SETTINGS", "force_tcg", 1);
+}
 
 BootRequest bootRequestFromDomainXml(const std::string& domainXml) {
   BootRequest request;

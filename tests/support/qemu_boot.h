@@ -56,6 +56,23 @@ struct BootResult {
   std::string describe() const;
 };
 
+/// Where scripts/host-setup records whether KVM runs a guest on this host: "works",
+/// "absent" or "no-guest".
+inline constexpr const char* kKvmStateFile = "/run/orvane-v2v/kvm";
+
+/// True only when host-setup found that KVM runs a guest here. Without its finding
+/// emulation is the answer: it works everywhere, only slower.
+bool kvmRunsGuests();
+
+/// `domainXml` with the domain type "qemu" (emulation) unless KVM runs guests here:
+/// libvirt refuses a "kvm" domain on a host where /dev/kvm exists but does not work.
+std::string domainTypeForThisHost(const std::string& domainXml);
+
+/// Sets LIBGUESTFS_BACKEND_SETTINGS=force_tcg for this process and its children
+/// unless KVM runs guests here: libguestfs picks KVM whenever /dev/kvm exists, and its
+/// appliance then never answers on a host where the device does not work.
+void useTcgUnlessKvmRunsGuests();
+
 /// Boots `request` under emulation with a fresh, empty UEFI variable store, and
 /// stops as soon as the marker appears, the firmware gives up, qemu exits or the
 /// timeout passes. The image itself is never written to.
