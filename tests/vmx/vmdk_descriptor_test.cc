@@ -115,10 +115,11 @@ TEST(VmdkDescriptor, FifoIsNotOpened) {
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   std::future<bool> scan = std::async(std::launch::async, [&] { return vmdkHasParent(fifo); });
   if (scan.wait_for(std::chrono::seconds(5)) == std::future_status::timeout) {
-    // Release the blocked open so that the test can end and report.
+    // Release the blocked open (a writer came and went, so the read then sees the
+    // end of the file) so that the test can end and report.
     const int writer = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
-    scan.wait();
     if (writer >= 0) close(writer);
+    scan.wait();
     FAIL() << "the parent scan blocked on a FIFO";
   }
   EXPECT_FALSE(scan.get());
