@@ -66,13 +66,19 @@ class DiskChecker {
       return;
     }
     const fs::path folder = fs::path(disk_.path).parent_path();
-    for (const std::string& name : info.extents) checkExtent(folder, name);
+    for (const std::string& name : info.extents) {
+      checkExtent(folder, name, !descriptor.selfContained);
+    }
   }
 
  private:
   struct Descriptor {
     std::string text;
     bool complete = true;  ///< false: the text runs on past what may be read
+    /// A sparse file with a capacity holds its own data: qemu-img opens none of
+    /// the extents its embedded descriptor names, which still carry the name the
+    /// file had when it was made (a renamed disk keeps its old one).
+    bool selfContained = false;
   };
 
   std::string diskLabel() const { return "Disk " + disk_.path + " (" + inVmx_ + ")"; }
@@ -85,6 +91,7 @@ class DiskChecker {
         fstat(fd, &st) == 0 ? static_cast<std::uint64_t>(st.st_size) : 0;
     std::string head = readAt(fd, 0, kDescriptorScanBytes);
     if (isLegacySparse(head)) return {};
+    Descriptor descriptor;
     std::uint64_t start = 0;
     if (const std::optional<SparseHeader> header = sparseHeader(head)) {
       constexpr std::uint64_t kSector = 512;
@@ -93,12 +100,15 @@ class DiskChecker {
       }
       start = header->descriptorOffset * kSector;
       head = readAt(fd, start, kDescriptorScanBytes);
+      descriptor.selfContained = header->capacity != 0;
     }
     if (const std::size_t nul = head.find('\0'); nul != std::string::npos) {
       head.resize(nul);
-      return {head, true};
+    } else {
+      descriptor.complete = start + head.size() >= size;
     }
-    return {head, start + head.size() >= size};
+    descriptor.text = std::move(head);
+    return descriptor;
   }
 
   /// The opened file, or -1 with the problem recorded. `where` says what names
@@ -140,7 +150,8 @@ class DiskChecker {
         "there, then re-run.");
   }
 
-  void checkExtent(const fs::path& folder, const std::string& name) {
+  /// The name rules always hold; `mustExist` false lets a file that is absent go.
+  void checkExtent(const fs::path& folder, const std::string& name, bool mustExist) {
     if (name.size() > kLongestExtentName) {
       problems_.push_back(diskLabel() + " names an extent longer than " +
                           std::to_string(kLongestExtentName) + " bytes: \"" +
@@ -152,6 +163,8 @@ class DiskChecker {
       if (part == "..") return outside(name, "climbs out through \"..\"");
     }
     const fs::path extent = folder / name;
+    std::error_code existsError;
+    if (!mustExist && !fs::exists(extent, existsError) && !existsError) return;
     // A path that cannot be resolved (a loop, a missing folder) is left to the
     // open below, which reports why.
     std::error_code folderError;

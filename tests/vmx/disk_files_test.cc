@@ -68,6 +68,13 @@ TEST(DiskFiles, EachFileQemuImgWouldOpen) {
                                                      "RW 2048 SPARSE \"d.vmdk\"")));
        },
        ""},
+      {"renamed sparse disk whose embedded descriptor keeps the old name",
+       [](const std::string& d, const std::string&) {
+         writeFile(d + "/d.vmdk",
+                   sparseExtent(2048, flatDescriptor("monolithicSparse",
+                                                     "RW 2048 SPARSE \"old name.vmdk\"")));
+       },
+       ""},
       {"extent behind a symbolic link that stays in the folder",
        [](const std::string& d, const std::string&) {
          writeFile(d + "/d.vmdk",
