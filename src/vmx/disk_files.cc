@@ -44,8 +44,8 @@ class DiskChecker {
       : disk_(disk), problems_(problems), inVmx_(disk.key + " in the .vmx") {}
 
   void check() {
-    const int fd = openChecked(disk_.path, inVmx_,
-                               "copy it into the VM folder or correct the .vmx");
+    const int fd =
+        openChecked(disk_.path, inVmx_, "copy it into the VM folder or correct the .vmx");
     if (fd < 0) return;
     const Descriptor descriptor = readDescriptor(fd);
     close(fd);
@@ -174,17 +174,18 @@ class DiskChecker {
     if (!folderError && !extentError && !within(realFolder, realExtent)) {
       return outside(name, "leads out through a symbolic link");
     }
-    const int fd = openChecked(extent.string(),
-                               "an extent of " + disk_.path + ", " + inVmx_,
-                               "copy it beside its descriptor");
+    const int fd =
+        openChecked(extent.string(), "an extent of " + disk_.path + ", " + inVmx_,
+                    "copy it beside its descriptor");
     if (fd < 0) return;
     // An extent that holds a descriptor of its own (a sparse header of no
     // capacity) makes qemu-img follow that one too; VMware never writes one.
     const std::optional<SparseHeader> header = sparseHeader(readAt(fd, 0, 512));
     close(fd);
     if (header && header->capacity == 0 && header->descriptorOffset != 0) {
-      problems_.push_back(diskLabel() + " names an extent that is itself a descriptor: \"" +
-                          name + "\".\n" + kRereadRemedy);
+      problems_.push_back(diskLabel() +
+                          " names an extent that is itself a descriptor: \"" + name +
+                          "\".\n" + kRereadRemedy);
     }
   }
 
@@ -193,7 +194,8 @@ class DiskChecker {
     const std::string p = path.string();
     if (f.empty()) return false;
     if (f == "/") return p.size() > 1 && p.front() == '/';
-    return p.size() > f.size() + 1 && p.compare(0, f.size(), f) == 0 && p[f.size()] == '/';
+    return p.size() > f.size() + 1 && p.compare(0, f.size(), f) == 0 &&
+           p[f.size()] == '/';
   }
 
   const NamedDisk& disk_;

@@ -174,8 +174,8 @@ std::string readAt(int fd, std::uint64_t offset, std::size_t max) {
   std::string out(max, '\0');
   std::size_t got = 0;
   while (got < max) {
-    const ssize_t n = pread(fd, out.data() + got, max - got,
-                            static_cast<off_t>(offset + got));
+    const ssize_t n =
+        pread(fd, out.data() + got, max - got, static_cast<off_t>(offset + got));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
     got += static_cast<std::size_t>(n);

@@ -13,8 +13,9 @@ namespace orvane {
 
 /// The createType and the extent file names of one descriptor.
 struct DescriptorInfo {
-  std::string createType;            ///< as written, "" when absent
-  std::vector<std::string> extents;  ///< quoted file names of the extent lines, as written
+  std::string createType;  ///< as written, "" when absent
+  std::vector<std::string>
+      extents;  ///< quoted file names of the extent lines, as written
 };
 
 /// Reads descriptor text up to its first NUL byte (where qemu-img stops too). An

@@ -177,7 +177,8 @@ TEST_F(BadInputTest, VmxFilesOfAbsurdSize) {
       // Refused from its size alone: sparse, so nothing but the size says 300 MB.
       {"300 MB .vmx",
        [](const std::string& dir) {
-         writeFile(dir + "/big.vmx", vmxHead("big01") + diskLines("sata0:0", "big01.vmdk"));
+         writeFile(dir + "/big.vmx",
+                   vmxHead("big01") + diskLines("sata0:0", "big01.vmdk"));
          fs::resize_file(dir + "/big.vmx", 300 << 20);
          writeFile(dir + "/big01.vmdk", kDescriptor);
        },
@@ -399,8 +400,9 @@ TEST_F(BadInputTest, DescriptorsThatReachOutOfTheFolder) {
       {"a raw device mapping",
        [](const std::string& dir) {
          writeFile(dir + "/vm.vmx", vmxHead("web01") + diskLines("scsi0:0", "rdm.vmdk"));
-         writeFile(dir + "/rdm.vmdk", "# Disk DescriptorFile\ncreateType=\"vmfsRawDeviceMap\"\n"
-                                      "RW 2048 VMFSRAW \"rdm-rdm.vmdk\"\n");
+         writeFile(dir + "/rdm.vmdk",
+                   "# Disk DescriptorFile\ncreateType=\"vmfsRawDeviceMap\"\n"
+                   "RW 2048 VMFSRAW \"rdm-rdm.vmdk\"\n");
          writeFile(dir + "/rdm-rdm.vmdk", std::string(512, '\0'));
        },
        1,

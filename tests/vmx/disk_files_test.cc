@@ -21,7 +21,8 @@ namespace fs = std::filesystem;
 using testing::TempDir;
 using testing::writeFile;
 
-std::string flatDescriptor(const std::string& createType, const std::string& extentLines) {
+std::string flatDescriptor(const std::string& createType,
+                           const std::string& extentLines) {
   return "# Disk DescriptorFile\nversion=1\nCID=52f6f1a5\nparentCID=ffffffff\n"
          "createType=\"" +
          createType + "\"\n\n# Extent description\n" + extentLines +
@@ -56,8 +57,8 @@ TEST(DiskFiles, EachFileQemuImgWouldOpen) {
   const Case cases[] = {
       {"flat descriptor and its extent",
        [](const std::string& d, const std::string&) {
-         writeFile(d + "/d.vmdk", flatDescriptor("monolithicFlat",
-                                                 "RW 2048 FLAT \"d-flat.vmdk\" 0"));
+         writeFile(d + "/d.vmdk",
+                   flatDescriptor("monolithicFlat", "RW 2048 FLAT \"d-flat.vmdk\" 0"));
          writeFile(d + "/d-flat.vmdk", std::string(4096, '\0'));
        },
        ""},
@@ -70,9 +71,10 @@ TEST(DiskFiles, EachFileQemuImgWouldOpen) {
        ""},
       {"renamed sparse disk whose embedded descriptor keeps the old name",
        [](const std::string& d, const std::string&) {
-         writeFile(d + "/d.vmdk",
-                   sparseExtent(2048, flatDescriptor("monolithicSparse",
-                                                     "RW 2048 SPARSE \"old name.vmdk\"")));
+         writeFile(
+             d + "/d.vmdk",
+             sparseExtent(2048, flatDescriptor("monolithicSparse",
+                                               "RW 2048 SPARSE \"old name.vmdk\"")));
        },
        ""},
       {"extent behind a symbolic link that stays in the folder",
@@ -83,8 +85,7 @@ TEST(DiskFiles, EachFileQemuImgWouldOpen) {
          fs::create_symlink("d-flat.vmdk", d + "/link.vmdk");
        },
        ""},
-      {"the disk is missing",
-       [](const std::string&, const std::string&) {},
+      {"the disk is missing", [](const std::string&, const std::string&) {},
        "Disk file not found: {dir}/d.vmdk (scsi0:1.fileName in the .vmx); copy it into "
        "the VM folder or correct the .vmx, then re-run."},
       {"an extent is missing",
@@ -95,7 +96,9 @@ TEST(DiskFiles, EachFileQemuImgWouldOpen) {
        "Disk file not found: {dir}/d-f001.vmdk (an extent of {dir}/d.vmdk, "
        "scsi0:1.fileName in the .vmx); copy it beside its descriptor, then re-run."},
       {"the disk is a FIFO",
-       [](const std::string& d, const std::string&) { mkfifo((d + "/d.vmdk").c_str(), 0600); },
+       [](const std::string& d, const std::string&) {
+         mkfifo((d + "/d.vmdk").c_str(), 0600);
+       },
        "Disk file is a FIFO (named pipe), not a regular file: {dir}/d.vmdk "
        "(scsi0:1.fileName in the .vmx).\nPut the real disk file in its place"},
       {"an extent is a FIFO",
@@ -106,7 +109,9 @@ TEST(DiskFiles, EachFileQemuImgWouldOpen) {
        "Disk file is a FIFO (named pipe), not a regular file: {dir}/d-flat.vmdk (an "
        "extent of {dir}/d.vmdk, scsi0:1.fileName in the .vmx)."},
       {"the disk is a directory",
-       [](const std::string& d, const std::string&) { fs::create_directory(d + "/d.vmdk"); },
+       [](const std::string& d, const std::string&) {
+         fs::create_directory(d + "/d.vmdk");
+       },
        "Disk file is a directory, not a regular file: {dir}/d.vmdk"},
       {"the disk is a link to a device",
        [](const std::string& d, const std::string&) {
@@ -116,8 +121,9 @@ TEST(DiskFiles, EachFileQemuImgWouldOpen) {
       {"an extent on an absolute path",
        [](const std::string& d, const std::string& e) {
          writeFile(e + "/secret.raw", "secret");
-         writeFile(d + "/d.vmdk", flatDescriptor("monolithicFlat",
-                                                 "RW 2048 FLAT \"" + e + "/secret.raw\" 0"));
+         writeFile(
+             d + "/d.vmdk",
+             flatDescriptor("monolithicFlat", "RW 2048 FLAT \"" + e + "/secret.raw\" 0"));
        },
        "Disk {dir}/d.vmdk (scsi0:1.fileName in the .vmx) names an extent outside its "
        "folder: \"/"},
@@ -126,7 +132,8 @@ TEST(DiskFiles, EachFileQemuImgWouldOpen) {
          writeFile(d + "/d.vmdk", flatDescriptor("vmfs", "RW 2048 VMFS \"/dev/sda\""));
        },
        "Disk {dir}/d.vmdk (scsi0:1.fileName in the .vmx) names an extent outside its "
-       "folder: \"/dev/sda\" is an absolute path.\nA disk's extents must be files beside"},
+       "folder: \"/dev/sda\" is an absolute path.\nA disk's extents must be files "
+       "beside"},
       {"an extent that climbs out through ..",
        [](const std::string& d, const std::string&) {
          writeFile(d + "/d.vmdk",
@@ -206,8 +213,9 @@ TEST(DiskFiles, OneLinePerMissingFileAcrossDisks) {
   writeFile(dir.file("a.vmdk"), flatDescriptor("twoGbMaxExtentFlat",
                                                "RW 8 FLAT \"a-f001.vmdk\" 0\n"
                                                "RW 8 FLAT \"a-f002.vmdk\" 0"));
-  const std::vector<std::string> problems = diskFileProblems(
-      {{dir.file("a.vmdk"), "scsi0:0.fileName"}, {dir.file("b.vmdk"), "sata0:1.fileName"}});
+  const std::vector<std::string> problems =
+      diskFileProblems({{dir.file("a.vmdk"), "scsi0:0.fileName"},
+                        {dir.file("b.vmdk"), "sata0:1.fileName"}});
   ASSERT_EQ(problems.size(), 3u);
   EXPECT_NE(problems[0].find("a-f001.vmdk"), std::string::npos);
   EXPECT_NE(problems[1].find("a-f002.vmdk"), std::string::npos);

@@ -1,3 +1,5 @@
+#include "vmx/vmdk_descriptor.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -10,7 +12,6 @@
 #include <vector>
 
 #include "support/temp_dir.h"
-#include "vmx/vmdk_descriptor.h"
 #include "vmx/vmx_reader.h"
 
 namespace orvane {
@@ -113,7 +114,8 @@ TEST(VmdkDescriptor, FifoIsNotOpened) {
   testing::TempDir dir("orvane-disks-vmdk");
   const std::string fifo = dir.file("a.vmdk");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  std::future<bool> scan = std::async(std::launch::async, [&] { return vmdkHasParent(fifo); });
+  std::future<bool> scan =
+      std::async(std::launch::async, [&] { return vmdkHasParent(fifo); });
   if (scan.wait_for(std::chrono::seconds(5)) == std::future_status::timeout) {
     // Release the blocked open (a writer came and went, so the read then sees the
     // end of the file) so that the test can end and report.
@@ -142,26 +144,35 @@ TEST(VmdkDescriptor, ExtentsAndCreateType) {
        "createType=\"monolithicFlat\"\n\n# Extent description\n"
        "RW 6291456 FLAT \"source disk-flat.vmdk\" 0\n\n# The Disk Data Base\n"
        "ddb.adapterType = \"ide\"\n",
-       "monolithicFlat", {"source disk-flat.vmdk"}},
+       "monolithicFlat",
+       {"source disk-flat.vmdk"}},
       {"split sparse, every access mode, a ZERO extent without a file",
        "createType=\"twoGbMaxExtentSparse\"\nRW 4192256 SPARSE \"d-s001.vmdk\"\n"
        "RDONLY 4192256 SPARSE \"d-s002.vmdk\"\nnoaccess 1 FLAT \"d-s003.vmdk\" 0\n"
        "RW 2048 ZERO\n",
-       "twoGbMaxExtentSparse", {"d-s001.vmdk", "d-s002.vmdk", "d-s003.vmdk"}},
+       "twoGbMaxExtentSparse",
+       {"d-s001.vmdk", "d-s002.vmdk", "d-s003.vmdk"}},
       {"indented, CRLF, createType in another case and unquoted",
-       "  CREATETYPE = vmfs\r\n\tRW 2048 VMFS \"d-flat.vmdk\"\r\n", "vmfs",
+       "  CREATETYPE = vmfs\r\n\tRW 2048 VMFS \"d-flat.vmdk\"\r\n",
+       "vmfs",
        {"d-flat.vmdk"}},
       // qemu-img opens a name without its closing quote up to the end of the line.
-      {"unclosed quote runs to the line end", "RW 2048 VMFS \"/dev/sda\r\n", "",
+      {"unclosed quote runs to the line end",
+       "RW 2048 VMFS \"/dev/sda\r\n",
+       "",
        {"/dev/sda"}},
-      {"the first createType counts", "createType=\"fullDevice\"\ncreateType=\"vmfs\"\n",
-       "fullDevice", {}},
+      {"the first createType counts",
+       "createType=\"fullDevice\"\ncreateType=\"vmfs\"\n",
+       "fullDevice",
+       {}},
       {"comments, other keys and empty names are no extents",
        "# RW 2048 FLAT \"c.vmdk\" 0\nddb.uuid = \"60 00\"\nRW 2048 FLAT \"\" 0\n"
        "RWX 1 FLAT \"x.vmdk\" 0\n",
-       "", {}},
+       "",
+       {}},
       {"nothing after a NUL byte counts",
-       "RW 1 FLAT \"a.vmdk\" 0\n\0RW 1 FLAT \"b.vmdk\" 0\ncreateType=\"vmfs\"\n"sv, "",
+       "RW 1 FLAT \"a.vmdk\" 0\n\0RW 1 FLAT \"b.vmdk\" 0\ncreateType=\"vmfs\"\n"sv,
+       "",
        {"a.vmdk"}},
   };
   for (const ExtentCase& c : cases) {
@@ -181,7 +192,8 @@ TEST(VmdkDescriptor, ExtentsAndCreateType) {
 TEST(VmdkDescriptor, SparseHeaderLocatesTheEmbeddedDescriptor) {
   std::string header = "KDMV\x01\0\0\0\x03\0\0\0"s;
   const auto put64 = [&header](std::uint64_t v) {
-    for (int i = 0; i < 8; ++i) header.push_back(static_cast<char>((v >> (8 * i)) & 0xff));
+    for (int i = 0; i < 8; ++i)
+      header.push_back(static_cast<char>((v >> (8 * i)) & 0xff));
   };
   put64(0x0000000100000000ULL);  // capacity
   put64(128);                    // grain size

@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "disk_converter/qemu_img_disk_converter.h"
-#include "vmx/disk_files.h"
 #include "process/command_runner.h"
 #include "progress/qemu_img_progress.h"
 #include "support/temp_dir.h"
+#include "vmx/disk_files.h"
 
 namespace orvane {
 namespace {
@@ -90,7 +90,8 @@ TEST_P(QemuImgConverterOnHost, QcowHoldsTheSameBytes) {
     testing::writeFile(evil, crafted);
     CommandResult opened = runCommand({"qemu-img", "info", evil});
     EXPECT_TRUE(opened.ok()) << opened.stderrText;
-    const std::vector<std::string> refused = diskFileProblems({{evil, "scsi0:0.fileName"}});
+    const std::vector<std::string> refused =
+        diskFileProblems({{evil, "scsi0:0.fileName"}});
     ASSERT_FALSE(refused.empty());
     EXPECT_NE(refused.front().find("names an extent outside its folder: \"" + dir.path()),
               std::string::npos)
