@@ -5,6 +5,7 @@
 #include "conversion/step_helpers.h"
 #include "guest_profile/guest_profile.h"
 #include "libvirt_backend/libvirt_backend.h"
+#include "vmx/disk_files.h"
 #include "vmx/vmx_reader.h"
 
 namespace orvane {
@@ -45,6 +46,17 @@ void Conversion::ingest() {
   if (vmdkFiles_.empty()) {
     log_.error("No VMDK disks found in " + options_.path + ".");
     throw ingestFailure("no vmdk");
+  }
+  // Every file qemu-img would open for the disks, checked before anything else
+  // reads them: the folder is someone else's input and this runs as root.
+  {
+    std::vector<NamedDisk> disks;
+    for (std::size_t i = 0; i < vmdkFiles_.size(); ++i) {
+      disks.push_back({vmdkFiles_[i], i < vmx.vmdkKeys.size() ? vmx.vmdkKeys[i] : ""});
+    }
+    for (const std::string& problem : diskFileProblems(disks)) {
+      noteBlocker(problem, kExitFailure);
+    }
   }
   if (!snapDisks_.empty()) {
     noteBlocker(

@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <iostream>
 #include <optional>
@@ -15,6 +16,10 @@ namespace orvane {
 namespace {
 
 constexpr const char* kRequiredCommands[] = {"virsh", "qemu-img", "virt-install"};
+
+/// A VMware configuration file is tens of kilobytes, vTPM state included; a larger
+/// one is not a .vmx, and is refused before it is read into memory.
+constexpr std::uintmax_t kLargestVmxBytes = std::uintmax_t{4} << 20;
 
 V2vError validationFailure(const std::string& reason) {
   return V2vError(reason, "validation", true);
@@ -99,6 +104,14 @@ void Conversion::validate() {
     }
   }
   if (vmxFiles.size() == 1) {
+    const std::uintmax_t vmxBytes = std::filesystem::file_size(vmxFiles.front(), ec);
+    if (!ec && vmxBytes > kLargestVmxBytes) {
+      log_.error("The VMX file " + vmxFiles.front() + " is " + std::to_string(vmxBytes) +
+                 " bytes; a VMware configuration file is far smaller, and orvane-v2v");
+      log_.error("reads one of at most " + std::to_string(kLargestVmxBytes) +
+                 " bytes (4 MiB). Check that it is the VM's own .vmx file.");
+      throw validationFailure("vmx too large");
+    }
     sourceType_ = "vmware";
     vmxPath_ = vmxFiles.front();
     log_.trace("Detected source type: " + sourceType_);

@@ -180,7 +180,8 @@ std::string hardDiskFileName(const std::vector<Entry>& entries,
 }
 
 std::vector<std::string> diskPaths(const std::vector<Entry>& entries,
-                                   const std::string& vmFolder) {
+                                   const std::string& vmFolder,
+                                   std::vector<std::string>& keys) {
   constexpr std::size_t kFileNameSuffix = sizeof(".filename") - 1;
   std::vector<std::string> prefixes;
   for (const Entry& entry : entries) {
@@ -199,6 +200,7 @@ std::vector<std::string> diskPaths(const std::vector<Entry>& entries,
     if (fileName.empty()) continue;
     // Joined as text: the folder is the user's own spelling, kept for messages.
     paths.push_back(fileName.front() == '/' ? fileName : vmFolder + "/" + fileName);
+    keys.push_back(prefix + ".fileName");
   }
   return paths;
 }
@@ -230,7 +232,7 @@ VmxData parseVmxText(const std::string& text, const std::string& vmFolder) {
   }
   data.hasVtpm = isTrue(firstValue(entries, "vtpm.present"));
 
-  data.vmdkFiles = diskPaths(entries, vmFolder);
+  data.vmdkFiles = diskPaths(entries, vmFolder, data.vmdkKeys);
   for (const std::string& path : data.vmdkFiles) {
     if (vmdkHasParent(path)) data.snapDisks.push_back(baseName(path));
   }

@@ -20,6 +20,8 @@ struct VmxData {
   bool hasVtpm = false;
   bool hasPassthrough = false;
   bool hasSerial = false;
+  /// The .vmx key naming each entry of vmdkFiles, same index ("scsi0:1.fileName").
+  std::vector<std::string> vmdkKeys;
 
   bool operator==(const VmxData&) const = default;
 };

@@ -55,6 +55,8 @@ void ConversionTest::writeDisk(const std::string& name, const std::string& paren
   writeFile(source_.file(name),
             "# Disk DescriptorFile\nversion=1\nCID=fffffffe\n" + parentLine +
                 "createType=\"monolithicFlat\"\nRW 2048 FLAT \"" + name + "-flat\" 0\n");
+  // The extent too: ingest refuses a disk whose descriptor names a missing file.
+  writeFile(source_.file(name + "-flat"), "");
 }
 
 void ConversionTest::resetFakes() {

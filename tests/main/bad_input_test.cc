@@ -3,6 +3,7 @@
 // code, never in a signal or a sanitizer report. These run again under
 // ASan/UBSan, so the inputs are sized to keep the whole file fast there.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <cstdint>
@@ -171,31 +172,41 @@ TEST_F(BadInputTest, VmxFilesThatAreNotConfigurations) {
 }
 
 TEST_F(BadInputTest, VmxFilesOfAbsurdSize) {
-  const std::string tenMb(10 << 20, 'x');
-  const std::string tenMbDigits(10 << 20, '7');
+  const std::string threeMb(3 << 20, 'x');
   const std::vector<Case> cases = {
-      // The largest that stays within a few seconds under the sanitizers.
-      {"100 MB .vmx",
+      // Refused from its size alone: sparse, so nothing but the size says 300 MB.
+      {"300 MB .vmx",
        [](const std::string& dir) {
-         writePaddedVmx(dir + "/big.vmx",
-                        vmxHead("big01") + diskLines("sata0:0", "big01.vmdk"), 100 << 20);
+         writeFile(dir + "/big.vmx",
+                   vmxHead("big01") + diskLines("sata0:0", "big01.vmdk"));
+         fs::resize_file(dir + "/big.vmx", 300 << 20);
          writeFile(dir + "/big01.vmdk", kDescriptor);
        },
-       0,
-       {"VM name:        big01",
-        "(Dry run. No changes made. A real run would proceed.)"}},
-      {"a 10 MB value",
+       1,
+       {"] ERROR: The VMX file {src}/big.vmx is 314572800 bytes; a VMware configuration "
+        "file is far smaller, and orvane-v2v",
+        "] ERROR: reads one of at most 4194304 bytes (4 MiB). Check that it is the VM's "
+        "own .vmx file."}},
+      {"a .vmx just over 4 MiB",
+       [](const std::string& dir) {
+         writePaddedVmx(dir + "/big.vmx",
+                        vmxHead("big01") + diskLines("sata0:0", "big01.vmdk"), 4 << 20);
+         writeFile(dir + "/big01.vmdk", kDescriptor);
+       },
+       1,
+       {"] ERROR: The VMX file {src}/big.vmx is 4194"}},
+      {"a 3 MB value",
        [&](const std::string& dir) {
-         writeFile(dir + "/vm.vmx", vmxHead("web01") + "annotation = \"" + tenMb +
+         writeFile(dir + "/vm.vmx", vmxHead("web01") + "annotation = \"" + threeMb +
                                         "\"\n" + diskLines("sata0:0", "web01.vmdk"));
          writeFile(dir + "/web01.vmdk", kDescriptor);
        },
        0,
        {"(Dry run. No changes made. A real run would proceed.)"}},
-      {"a 10 MB line without a newline at the end of the file",
+      {"a 3 MB line without a newline at the end of the file",
        [&](const std::string& dir) {
          writeFile(dir + "/vm.vmx",
-                   vmxHead("web01") + diskLines("sata0:0", "web01.vmdk") + tenMb);
+                   vmxHead("web01") + diskLines("sata0:0", "web01.vmdk") + threeMb);
          writeFile(dir + "/web01.vmdk", kDescriptor);
        },
        0,
@@ -284,19 +295,34 @@ TEST_F(BadInputTest, DiskEntriesOfEveryKind) {
        {"  - This pre-Windows-8 guest must use the IDE bus, but IDE supports at most 4 "
         "disks "
         "and this VM has 2000. Not supported."}},
-      // Read only, and named in the plan exactly as the .vmx gives them; a missing
-      // file is the converter's to report in a real run.
+      // Named in the plan exactly as the .vmx gives them, and each missing one
+      // listed with the key that names it.
       {"disks outside the folder and missing",
        [](const std::string& dir) {
          writeFile(dir + "/vm.vmx",
                    vmxHead("web01") + diskLines("sata0:0", "../outside.vmdk") +
                        diskLines("sata0:1", "/nonexistent/orvane/x.vmdk") +
-                       diskLines("sata0:2", "missing.vmdk"));
+                       diskLines("scsi0:1", "nu-missing.vmdk"));
        },
-       0,
+       1,
        {"  {src}/../outside.vmdk\n", "  /nonexistent/orvane/x.vmdk\n",
-        "  {src}/missing.vmdk\n",
-        "(Dry run. No changes made. A real run would proceed.)"}},
+        "  {src}/nu-missing.vmdk\n",
+        "  - Disk file not found: {src}/../outside.vmdk (sata0:0.fileName in the .vmx); "
+        "copy it into the VM folder or correct the .vmx, then re-run.\n",
+        "  - Disk file not found: /nonexistent/orvane/x.vmdk (sata0:1.fileName in the "
+        ".vmx);",
+        "  - Disk file not found: {src}/nu-missing.vmdk (scsi0:1.fileName in the .vmx);",
+        "Issues -- a real run would FAIL:"}},
+      // Opening a FIFO waits for a writer: the dry run must end without one.
+      {"a disk that is a FIFO",
+       [](const std::string& dir) {
+         writeFile(dir + "/vm.vmx", vmxHead("web01") + diskLines("sata0:0", "a.vmdk"));
+         mkfifo((dir + "/a.vmdk").c_str(), 0600);
+       },
+       1,
+       {"  - Disk file is a FIFO (named pipe), not a regular file: {src}/a.vmdk "
+        "(sata0:0.fileName in the .vmx).\n    Put the real disk file in its place, then "
+        "re-run."}},
   };
   for (const Case& c : cases) runCase(c);
 }
@@ -305,6 +331,8 @@ TEST_F(BadInputTest, DescriptorsThatAreHugeOrBinary) {
   // Sparse: no disk space used, and only its first 64 KiB may ever be read.
   const std::uintmax_t huge = std::uintmax_t{4} << 40;
   const std::vector<Case> cases = {
+      // Not a snapshot (the parent line is not read), but qemu-img would read on
+      // past the first 64 KiB, so the text that may be checked is not all there is.
       {"a 4 TiB descriptor with its parent named beyond the first 64 KiB",
        [&](const std::string& dir) {
          writeFile(dir + "/vm.vmx",
@@ -313,8 +341,9 @@ TEST_F(BadInputTest, DescriptorsThatAreHugeOrBinary) {
                    kDescriptor + std::string(128 << 10, '#') + "\nparentCID=1a2b3c4d\n");
          fs::resize_file(dir + "/web01.vmdk", huge);
        },
-       0,
-       {"(Dry run. No changes made. A real run would proceed.)"}},
+       1,
+       {"  - Disk {src}/web01.vmdk (sata0:0.fileName in the .vmx) has a descriptor that "
+        "does not end within its first 64 KiB; VMware writes far smaller ones."}},
       {"a binary descriptor",
        [](const std::string& dir) {
          writeFile(dir + "/vm.vmx",
@@ -348,6 +377,39 @@ TEST_F(BadInputTest, DescriptorsThatAreHugeOrBinary) {
                                 "not fit (qcow2 is usually"))
         << r.stderrText;
   }
+}
+
+TEST_F(BadInputTest, DescriptorsThatReachOutOfTheFolder) {
+  TempDir host("orvane-bad-disks-host");
+  writeFile(host.file("secret.raw"), std::string(2048 * 512, 's'));
+  const std::vector<Case> cases = {
+      {"a flat extent on a host file",
+       [&](const std::string& dir) {
+         writeFile(dir + "/vm.vmx", vmxHead("web01") + diskLines("scsi0:0", "evil.vmdk"));
+         writeFile(dir + "/evil.vmdk",
+                   "# Disk DescriptorFile\nversion=1\nCID=fffffffe\nparentCID=ffffffff\n"
+                   "createType=\"monolithicFlat\"\nRW 2048 FLAT \"" +
+                       host.file("secret.raw") + "\" 0\n");
+       },
+       1,
+       {"  - Disk {src}/evil.vmdk (scsi0:0.fileName in the .vmx) names an extent outside "
+        "its folder: \"" +
+            host.file("secret.raw") + "\" is an absolute path.",
+        "    A disk's extents must be files beside its descriptor; orvane-v2v reads no "
+        "other file of this host."}},
+      {"a raw device mapping",
+       [](const std::string& dir) {
+         writeFile(dir + "/vm.vmx", vmxHead("web01") + diskLines("scsi0:0", "rdm.vmdk"));
+         writeFile(dir + "/rdm.vmdk",
+                   "# Disk DescriptorFile\ncreateType=\"vmfsRawDeviceMap\"\n"
+                   "RW 2048 VMFSRAW \"rdm-rdm.vmdk\"\n");
+         writeFile(dir + "/rdm-rdm.vmdk", std::string(512, '\0'));
+       },
+       1,
+       {"  - Disk {src}/rdm.vmdk (scsi0:0.fileName in the .vmx) is a raw device mapping "
+        "(createType \"vmfsRawDeviceMap\")"}},
+  };
+  for (const Case& c : cases) runCase(c);
 }
 
 TEST_F(BadInputTest, VmxSymlinks) {

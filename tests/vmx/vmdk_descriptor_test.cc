@@ -1,7 +1,15 @@
-#include <gtest/gtest.h>
+#include "vmx/vmdk_descriptor.h"
 
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <future>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "support/temp_dir.h"
 #include "vmx/vmx_reader.h"
@@ -9,6 +17,7 @@
 namespace orvane {
 namespace {
 
+using namespace std::string_literals;
 using namespace std::string_view_literals;
 
 struct DescriptorCase {
@@ -97,6 +106,107 @@ TEST(VmdkDescriptor, UnreadableFileHasNoParent) {
   EXPECT_FALSE(vmdkHasParent(dir.file("absent.vmdk")));
   EXPECT_FALSE(vmdkHasParent(dir.path()));
   EXPECT_FALSE(vmdkHasParent(""));
+}
+
+// Before it was checked, the parent scan opened a FIFO named like a disk and
+// waited for a writer forever.
+TEST(VmdkDescriptor, FifoIsNotOpened) {
+  testing::TempDir dir("orvane-disks-vmdk");
+  const std::string fifo = dir.file("a.vmdk");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  std::future<bool> scan =
+      std::async(std::launch::async, [&] { return vmdkHasParent(fifo); });
+  if (scan.wait_for(std::chrono::seconds(5)) == std::future_status::timeout) {
+    // Release the blocked open (a writer came and went, so the read then sees the
+    // end of the file) so that the test can end and report.
+    const int writer = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+    if (writer >= 0) close(writer);
+    scan.wait();
+    FAIL() << "the parent scan blocked on a FIFO";
+  }
+  EXPECT_FALSE(scan.get());
+  EXPECT_LT(openRegularFile(fifo), 0);
+  EXPECT_LT(openRegularFile(dir.path()), 0);
+  EXPECT_LT(openRegularFile("/dev/null"), 0);
+}
+
+struct ExtentCase {
+  const char* name;
+  std::string_view text;
+  const char* createType;
+  std::vector<std::string> extents;
+};
+
+TEST(VmdkDescriptor, ExtentsAndCreateType) {
+  const ExtentCase cases[] = {
+      {"flat, as qemu-img writes it",
+       "# Disk DescriptorFile\nversion=1\nCID=52f6f1a5\nparentCID=ffffffff\n"
+       "createType=\"monolithicFlat\"\n\n# Extent description\n"
+       "RW 6291456 FLAT \"source disk-flat.vmdk\" 0\n\n# The Disk Data Base\n"
+       "ddb.adapterType = \"ide\"\n",
+       "monolithicFlat",
+       {"source disk-flat.vmdk"}},
+      {"split sparse, every access mode, a ZERO extent without a file",
+       "createType=\"twoGbMaxExtentSparse\"\nRW 4192256 SPARSE \"d-s001.vmdk\"\n"
+       "RDONLY 4192256 SPARSE \"d-s002.vmdk\"\nnoaccess 1 FLAT \"d-s003.vmdk\" 0\n"
+       "RW 2048 ZERO\n",
+       "twoGbMaxExtentSparse",
+       {"d-s001.vmdk", "d-s002.vmdk", "d-s003.vmdk"}},
+      {"indented, CRLF, createType in another case and unquoted",
+       "  CREATETYPE = vmfs\r\n\tRW 2048 VMFS \"d-flat.vmdk\"\r\n",
+       "vmfs",
+       {"d-flat.vmdk"}},
+      // qemu-img opens a name without its closing quote up to the end of the line.
+      {"unclosed quote runs to the line end",
+       "RW 2048 VMFS \"/dev/sda\r\n",
+       "",
+       {"/dev/sda"}},
+      {"the first createType counts",
+       "createType=\"fullDevice\"\ncreateType=\"vmfs\"\n",
+       "fullDevice",
+       {}},
+      {"comments, other keys and empty names are no extents",
+       "# RW 2048 FLAT \"c.vmdk\" 0\nddb.uuid = \"60 00\"\nRW 2048 FLAT \"\" 0\n"
+       "RWX 1 FLAT \"x.vmdk\" 0\n",
+       "",
+       {}},
+      {"nothing after a NUL byte counts",
+       "RW 1 FLAT \"a.vmdk\" 0\n\0RW 1 FLAT \"b.vmdk\" 0\ncreateType=\"vmfs\"\n"sv,
+       "",
+       {"a.vmdk"}},
+  };
+  for (const ExtentCase& c : cases) {
+    const DescriptorInfo info = parseDescriptor(c.text);
+    EXPECT_EQ(info.createType, c.createType) << c.name;
+    EXPECT_EQ(info.extents, c.extents) << c.name;
+  }
+  for (const char* rdm : {"fullDevice", "partitionedDevice", "vmfsRawDeviceMap",
+                          "VMFSPASSTHROUGHRAWDEVICEMAP"}) {
+    EXPECT_TRUE(isRawDeviceCreateType(rdm)) << rdm;
+  }
+  for (const char* disk : {"monolithicFlat", "vmfs", "streamOptimized", ""}) {
+    EXPECT_FALSE(isRawDeviceCreateType(disk)) << disk;
+  }
+}
+
+TEST(VmdkDescriptor, SparseHeaderLocatesTheEmbeddedDescriptor) {
+  std::string header = "KDMV\x01\0\0\0\x03\0\0\0"s;
+  const auto put64 = [&header](std::uint64_t v) {
+    for (int i = 0; i < 8; ++i)
+      header.push_back(static_cast<char>((v >> (8 * i)) & 0xff));
+  };
+  put64(0x0000000100000000ULL);  // capacity
+  put64(128);                    // grain size
+  put64(1);                      // descriptor offset
+  put64(20);                     // descriptor size
+  const std::optional<SparseHeader> parsed = sparseHeader(header);
+  ASSERT_TRUE(parsed);
+  EXPECT_EQ(parsed->capacity, 0x0000000100000000ULL);
+  EXPECT_EQ(parsed->descriptorOffset, 1u);
+  EXPECT_EQ(parsed->descriptorSize, 20u);
+  EXPECT_FALSE(sparseHeader(header.substr(0, 43)));
+  EXPECT_FALSE(sparseHeader("# Disk DescriptorFile\n" + header));
+  EXPECT_TRUE(isLegacySparse("COWD\x01"));
 }
 
 }  // namespace

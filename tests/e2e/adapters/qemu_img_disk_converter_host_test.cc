@@ -1,6 +1,8 @@
 // QemuImgDiskConverter against the real qemu-img, on every VMDK layout VMware
 // writes. The disks are 3 GiB and sparse, so the two-gigabyte-extent layouts get a
-// second extent and one write straddles the boundary between them.
+// second extent and one write straddles the boundary between them. Each layout
+// also passes the disk-file check, and a copy of its descriptor that reaches out
+// of the folder, which qemu-img itself would follow, is refused.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -13,6 +15,7 @@
 #include "process/command_runner.h"
 #include "progress/qemu_img_progress.h"
 #include "support/temp_dir.h"
+#include "vmx/disk_files.h"
 
 namespace orvane {
 namespace {
@@ -47,7 +50,7 @@ TEST_P(QemuImgConverterOnHost, QcowHoldsTheSameBytes) {
     GTEST_SKIP() << "qemu-img or qemu-io is missing: run scripts/host-setup";
   }
   const std::string subformat = GetParam();
-  TempDir dir("orvane-e2e-qemu-img");
+  TempDir dir("orvane-e2e-disks-qemu-img");
   const std::string source = dir.file("source disk.vmdk");
   const std::string target = dir.file("target disk.qcow2");
 
@@ -67,6 +70,32 @@ TEST_P(QemuImgConverterOnHost, QcowHoldsTheSameBytes) {
     ASSERT_TRUE(made.ok()) << made.stderrText;
     CommandResult wrote = qemuIo("vmdk", "write", source);
     ASSERT_TRUE(wrote.ok()) << wrote.stderrText;
+  }
+
+  const std::vector<std::string> problems =
+      diskFileProblems({{source, "scsi0:0.fileName"}});
+  EXPECT_TRUE(problems.empty()) << problems.front();
+  const std::string descriptor = testing::readFile(source);
+  if (descriptor.rfind("KDMV", 0) != 0) {
+    // The same extents named by absolute paths: qemu-img opens them as they are.
+    std::string crafted = descriptor;
+    const std::string quotedName = "\"source disk-";
+    for (std::size_t at = 0; (at = crafted.find(quotedName, at)) != std::string::npos;
+         at += quotedName.size()) {
+      crafted.insert(at + 1, dir.path() + "/");
+      at += dir.path().size() + 1;
+    }
+    ASSERT_NE(crafted, descriptor);
+    const std::string evil = dir.file("evil.vmdk");
+    testing::writeFile(evil, crafted);
+    CommandResult opened = runCommand({"qemu-img", "info", evil});
+    EXPECT_TRUE(opened.ok()) << opened.stderrText;
+    const std::vector<std::string> refused =
+        diskFileProblems({{evil, "scsi0:0.fileName"}});
+    ASSERT_FALSE(refused.empty());
+    EXPECT_NE(refused.front().find("names an extent outside its folder: \"" + dir.path()),
+              std::string::npos)
+        << refused.front();
   }
 
   // /dev/null is no terminal: the display stays silent but still reads percentages.
