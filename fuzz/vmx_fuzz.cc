@@ -39,5 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (path.empty() || path.front() != '/' || !endsWithVmdk(path)) __builtin_trap();
   }
   if (vmx.snapDisks.size() > vmx.vmdkFiles.size()) __builtin_trap();
+  if (vmx.diskDevices.size() != vmx.vmdkFiles.size()) __builtin_trap();
+  if (vmx.hddOrderApplied && vmx.vmdkFiles.empty()) __builtin_trap();
   return 0;
 }

@@ -22,7 +22,17 @@ bool isPositiveInt(const std::string& text) {
   return std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
+const char* const kMisreadNameReason =
+    "A VM name must not begin with '-', be a number or have the form of a UUID: virsh "
+    "would read it as an option, a domain ID or a UUID.";
+
 V2vError ingestFailure(const std::string& reason) { return V2vError(reason, "ingest", false); }
+
+std::string joinComma(const std::vector<std::string>& items) {
+  std::string out;
+  for (const std::string& item : items) out += (out.empty() ? "" : ", ") + item;
+  return out;
+}
 
 }  // namespace
 
@@ -43,6 +53,18 @@ void Conversion::ingest() {
   hasPassthrough_ = vmx.hasPassthrough;
   hasSerial_ = vmx.hasSerial;
 
+  // Checked first: an encrypted .vmx keeps its disks out of sight, and "no disks"
+  // would send the user looking for files that are there.
+  if (vmx.encrypted) {
+    log_.error(
+        "This VM is encrypted by VMware (encryption.keySafe / encryption.data in its "
+        ".vmx),");
+    log_.error(
+        "so its configuration and disks cannot be read here. It must be decrypted in "
+        "VMware");
+    log_.error("before it can be migrated: remove its encryption there, then re-run.");
+    throw ingestFailure("encrypted vm");
+  }
   if (vmdkFiles_.empty()) {
     log_.error("No VMDK disks found in " + options_.path + ".");
     throw ingestFailure("no vmdk");
@@ -52,7 +74,7 @@ void Conversion::ingest() {
   {
     std::vector<NamedDisk> disks;
     for (std::size_t i = 0; i < vmdkFiles_.size(); ++i) {
-      disks.push_back({vmdkFiles_[i], i < vmx.vmdkKeys.size() ? vmx.vmdkKeys[i] : ""});
+      disks.push_back({vmdkFiles_[i], vmx.diskDevices[i] + ".fileName"});
     }
     for (const std::string& problem : diskFileProblems(disks)) {
       noteBlocker(problem, kExitFailure);
@@ -90,6 +112,7 @@ void Conversion::ingest() {
       log_.error("The name given with --vm-name is not a valid VM name: '" + options_.vmName +
                  "'");
       log_.error("Use only letters, digits, and _ . + -  (no spaces or special characters).");
+      if (virshMisreadsName(options_.vmName)) log_.error(kMisreadNameReason);
       throw ingestFailure("bad vm-name");
     }
     vmName_ = options_.vmName;
@@ -103,6 +126,7 @@ void Conversion::ingest() {
     if (!isValidDomainName(rawVmName_)) {
       log_.error("The VM name in the source config is '" + rawVmName_ + "', which is not a");
       log_.error("compatible VM name (it contains spaces or special characters).");
+      if (virshMisreadsName(rawVmName_)) log_.error(kMisreadNameReason);
       log_.error("Re-run with --vm-name to set a valid name.");
       throw ingestFailure("bad source vm-name");
     }
@@ -124,6 +148,15 @@ void Conversion::ingest() {
     osVariantDesc_ = "auto-detect";
   }
   clockOffset_ = windows ? "localtime" : "utc";
+  // OVMF as defined here has none of what macOS expects of a Mac (SMC, Apple
+  // boot services), so a first boot cannot be promised: refused like an ESP the
+  // boot fix cannot make sense of.
+  if (guestOs_.starts_with("darwin")) {
+    noteBlocker("This is a macOS guest (guestOS '" + guestOs_ +
+                    "'), which does not boot on KVM as this tool defines VMs;\n"
+                    "its first boot cannot be guaranteed. Keep it on VMware.",
+                kExitBootNotGuaranteed);
+  }
 
   if (options_.virtio) {
     diskBus_ = "virtio";
@@ -162,6 +195,9 @@ void Conversion::ingest() {
             " (family: " + osFamily_ + ")");
   log_.info("  Firmware     : " + firmware_);
   log_.info("  Disks        : " + std::to_string(vmdkFiles_.size()));
+  if (vmx.hddOrderApplied) {
+    log_.info("  Disk order   : " + joinComma(vmx.diskDevices) + " (bios.hddOrder)");
+  }
   log_.info("  NICs         : " + std::to_string(macAddresses_.size()));
   log_.info("  Storage/Net  : " + diskBus_ + " / " + nicModel_);
   if (legacyWindows_) log_.info("                 (IDE: pre-Windows-8 guest, most reliable boot)");

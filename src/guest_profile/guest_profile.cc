@@ -1,9 +1,12 @@
 #include "guest_profile/guest_profile.h"
 
+#include <algorithm>
 #include <string_view>
 
 namespace orvane {
 namespace {
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
 bool contains(std::string_view s, std::string_view part) {
   return s.find(part) != std::string_view::npos;
@@ -70,11 +73,26 @@ std::string mapWindowsOsinfo(const std::string& guestOs) {
   return "win10";
 }
 
+bool virshMisreadsName(const std::string& name) {
+  if (name.starts_with("-")) return true;
+  // virsh parses the ID with strtol, which takes a leading "+" too.
+  const std::string_view digits =
+      std::string_view(name).substr(name.starts_with("+") ? 1 : 0);
+  if (!digits.empty() && std::all_of(digits.begin(), digits.end(), isDigit)) return true;
+  // virsh tries any 36-character name as a UUID, and libvirt's parser skips a
+  // "-" between any two pairs of hex digits, not only at 8-4-4-4-12.
+  if (name.size() != 36) return false;
+  const auto hexDigits = std::count_if(name.begin(), name.end(), [](char c) {
+    return isDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+  });
+  return hexDigits == 32 && std::count(name.begin(), name.end(), '-') == 4;
+}
+
 bool isValidDomainName(const std::string& name) {
-  if (name.empty()) return false;
+  if (name.empty() || virshMisreadsName(name)) return false;
   for (char c : name) {
     const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-    const bool digit = c >= '0' && c <= '9';
+    const bool digit = isDigit(c);
     const bool punctuation = c == '_' || c == '.' || c == '+' || c == '-';
     if (!letter && !digit && !punctuation) return false;
   }

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <optional>
 // GCC 12 with -fsanitize=address reports false maybe-uninitialized warnings from
 // inside <regex>'s own templates; they are not about this file.
 #if defined(__GNUC__) && !defined(__clang__)
@@ -113,13 +115,6 @@ bool endsWith(std::string_view s, std::string_view suffix) {
 // The prefix and suffix tests in front of the regular expressions below only
 // spare the regex engine the keys that cannot match; the expression decides.
 
-bool isMacKey(const std::string& key) {
-  static const std::regex kMacKey("^ethernet[0-9]+\\.generatedaddress$",
-                                  std::regex::ECMAScript);
-  return startsWith(key, "ethernet") && endsWith(key, ".generatedaddress") &&
-         keyMatches(key, kMacKey);
-}
-
 bool isDiskFileKey(const std::string& key) {
   static const std::regex kDiskKey("^(scsi|sata|nvme|ide)[0-9]+:[0-9]+\\.filename$",
                                    std::regex::ECMAScript);
@@ -179,9 +174,23 @@ std::string hardDiskFileName(const std::vector<Entry>& entries,
   return fileName;
 }
 
-std::vector<std::string> diskPaths(const std::vector<Entry>& entries,
-                                   const std::string& vmFolder,
-                                   std::vector<std::string>& keys) {
+struct Disk {
+  std::string device;  ///< "scsi0:0"
+  std::string path;
+};
+
+/// "scsi0:007" and "scsi0:7" name the same device: units are compared by value.
+std::string deviceKey(std::string_view device) {
+  const std::size_t colon = device.find(':');
+  if (colon == std::string_view::npos) return std::string(device);
+  std::string_view unit = device.substr(colon + 1);
+  while (unit.size() > 1 && unit.front() == '0') unit.remove_prefix(1);
+  return std::string(device.substr(0, colon + 1)) + std::string(unit);
+}
+
+/// The kept hard disks in bus order.
+std::vector<Disk> busOrderDisks(const std::vector<Entry>& entries,
+                                const std::string& vmFolder) {
   constexpr std::size_t kFileNameSuffix = sizeof(".filename") - 1;
   std::vector<std::string> prefixes;
   for (const Entry& entry : entries) {
@@ -194,15 +203,103 @@ std::vector<std::string> diskPaths(const std::vector<Entry>& entries,
             [](const std::string& a, const std::string& b) { return diskBefore(a, b); });
   prefixes.erase(std::unique(prefixes.begin(), prefixes.end()), prefixes.end());
 
-  std::vector<std::string> paths;
+  std::vector<Disk> disks;
   for (const std::string& prefix : prefixes) {
     std::string fileName = hardDiskFileName(entries, prefix);
     if (fileName.empty()) continue;
     // Joined as text: the folder is the user's own spelling, kept for messages.
-    paths.push_back(fileName.front() == '/' ? fileName : vmFolder + "/" + fileName);
-    keys.push_back(prefix + ".fileName");
+    disks.push_back(
+        {prefix, fileName.front() == '/' ? fileName : vmFolder + "/" + fileName});
   }
-  return paths;
+  return disks;
+}
+
+/// Moves the disks that `hddOrder` ("scsi0:0" or "sata0:1,scsi0:0") names to the
+/// front, in its order: the user chose the boot disk in VMware's BIOS setup, and a
+/// data disk that merely sorts first by bus would otherwise become the boot disk.
+/// Returns whether it named any of the disks.
+bool applyHddOrder(std::string_view hddOrder, std::vector<Disk>& disks) {
+  std::map<std::string, std::size_t, std::less<>> byDevice;
+  for (std::size_t i = 0; i < disks.size(); ++i)
+    byDevice.emplace(deviceKey(disks[i].device), i);
+  std::vector<bool> moved(disks.size(), false);
+  std::vector<Disk> ordered;
+  std::size_t start = 0;
+  while (start <= hddOrder.size()) {
+    std::size_t end = hddOrder.find(',', start);
+    if (end == std::string_view::npos) end = hddOrder.size();
+    const auto found = byDevice.find(
+        deviceKey(toLower(std::string(trim(hddOrder.substr(start, end - start))))));
+    start = end + 1;
+    if (found == byDevice.end() || moved[found->second]) continue;
+    moved[found->second] = true;
+    ordered.push_back(std::move(disks[found->second]));
+  }
+  if (ordered.empty()) return false;
+  for (std::size_t i = 0; i < disks.size(); ++i) {
+    if (!moved[i]) ordered.push_back(std::move(disks[i]));
+  }
+  disks = std::move(ordered);
+  return true;
+}
+
+/// What one ethernetN says about its MAC; the first occurrence of each key wins.
+struct NicKeys {
+  std::optional<std::string> present, addressType, address, generatedAddress;
+  bool listed = false;
+};
+
+/// "ethernet12.address" -> index "12", field "address"; false for other keys.
+bool splitNicKey(std::string_view key, std::string_view& index, std::string_view& field) {
+  constexpr std::string_view kPrefix = "ethernet";
+  if (!startsWith(key, kPrefix)) return false;
+  const std::size_t dot = key.find('.', kPrefix.size());
+  if (dot == std::string_view::npos || dot == kPrefix.size()) return false;
+  index = key.substr(kPrefix.size(), dot - kPrefix.size());
+  for (char c : index) {
+    if (c < '0' || c > '9') return false;
+  }
+  field = key.substr(dot + 1);
+  return true;
+}
+
+/// One MAC per NIC in the order the NICs' address keys first appear. A NIC that
+/// is switched off is left out even when it still carries a generated address;
+/// a static address is the one the guest's network (DHCP reservations, licences)
+/// knows it by.
+std::vector<std::string> nicMacs(const std::vector<Entry>& entries) {
+  std::vector<std::string> order;
+  std::map<std::string, NicKeys, std::less<>> nics;
+  for (const Entry& entry : entries) {
+    std::string_view index;
+    std::string_view field;
+    if (!splitNicKey(entry.lowerKey, index, field)) continue;
+    const bool addressKey = field == "address" || field == "generatedaddress";
+    if (!addressKey && field != "present" && field != "addresstype") continue;
+    auto found = nics.find(index);
+    if (found == nics.end()) found = nics.emplace(std::string(index), NicKeys()).first;
+    NicKeys& nic = found->second;
+    std::optional<std::string>& slot = field == "present"       ? nic.present
+                                       : field == "addresstype" ? nic.addressType
+                                       : field == "address"     ? nic.address
+                                                                : nic.generatedAddress;
+    if (!slot.has_value()) slot = entry.value;
+    if (addressKey && !nic.listed) {
+      nic.listed = true;
+      order.emplace_back(index);
+    }
+  }
+  std::vector<std::string> macs;
+  for (const std::string& index : order) {
+    const NicKeys& nic = nics.find(index)->second;
+    if (toLower(nic.present.value_or("")) == "false") continue;
+    const std::string address = nic.address.value_or("");
+    const std::string generated = nic.generatedAddress.value_or("");
+    const bool isStatic = toLower(nic.addressType.value_or("")) == "static";
+    macs.push_back(!address.empty() && (isStatic || generated.empty()) ? address
+                                                                       : generated);
+  }
+  return macs;
 }
 
 std::string baseName(const std::string& path) {
@@ -221,8 +318,8 @@ VmxData parseVmxText(const std::string& text, const std::string& vmFolder) {
   data.guestOs = toLower(firstValue(entries, "guestos"));
   data.firmware = valueOr(toLower(firstValue(entries, "firmware")), "bios");
 
+  data.macAddresses = nicMacs(entries);
   for (const Entry& entry : entries) {
-    if (isMacKey(entry.lowerKey)) data.macAddresses.push_back(entry.value);
     // Every occurrence counts here, not only the first: one device marked present
     // anywhere is enough to need the user's attention.
     if (isPassthroughPresentKey(entry.lowerKey) && isTrue(entry.value)) {
@@ -232,7 +329,17 @@ VmxData parseVmxText(const std::string& text, const std::string& vmFolder) {
   }
   data.hasVtpm = isTrue(firstValue(entries, "vtpm.present"));
 
-  data.vmdkFiles = diskPaths(entries, vmFolder, data.vmdkKeys);
+  // Either key alone means VMware sealed the VM; what is left in clear is no
+  // description of it.
+  data.encrypted = !firstValue(entries, "encryption.keysafe").empty() ||
+                   !firstValue(entries, "encryption.data").empty();
+
+  std::vector<Disk> disks = busOrderDisks(entries, vmFolder);
+  data.hddOrderApplied = applyHddOrder(firstValue(entries, "bios.hddorder"), disks);
+  for (Disk& disk : disks) {
+    data.diskDevices.push_back(std::move(disk.device));
+    data.vmdkFiles.push_back(std::move(disk.path));
+  }
   for (const std::string& path : data.vmdkFiles) {
     if (vmdkHasParent(path)) data.snapDisks.push_back(baseName(path));
   }

@@ -14,14 +14,18 @@ struct VmxData {
   std::string memSize;
   std::string guestOs;            ///< lower-cased
   std::string firmware = "bios";  ///< lower-cased
+  /// One MAC per NIC that is not switched off, in file order: the static address
+  /// when the NIC has one, else the generated one ("" when neither is set).
   std::vector<std::string> macAddresses;
-  std::vector<std::string> vmdkFiles;  ///< full paths, in bus order
-  std::vector<std::string> snapDisks;  ///< file names of disks that have a parent
+  /// Full paths, boot order first: the disks bios.hddOrder names, then bus order.
+  std::vector<std::string> vmdkFiles;
+  std::vector<std::string> diskDevices;  ///< "scsi0:0"... of each vmdkFiles entry
+  bool hddOrderApplied = false;          ///< bios.hddOrder named one of the disks
+  std::vector<std::string> snapDisks;    ///< file names of disks that have a parent
   bool hasVtpm = false;
   bool hasPassthrough = false;
   bool hasSerial = false;
-  /// The .vmx key naming each entry of vmdkFiles, same index ("scsi0:1.fileName").
-  std::vector<std::string> vmdkKeys;
+  bool encrypted = false;  ///< VMware encrypted the VM: its settings and disks are sealed
 
   bool operator==(const VmxData&) const = default;
 };

@@ -73,6 +73,10 @@ TEST_F(ConversionTest, NoOutputDirAndNoPoolStops) {
                        "ERROR: No libvirt 'default' storage pool found, and no --output-dir given."));
 }
 
+const std::string kMisread =
+    "A VM name must not begin with '-', be a number or have the form of a UUID: virsh "
+    "would read it as an option, a domain ID or a UUID.";
+
 TEST_F(ConversionTest, SourceValuesThatStopIngestEvenInADryRun) {
   struct Case {
     std::string vmxExtra;
@@ -97,6 +101,33 @@ TEST_F(ConversionTest, SourceValuesThatStopIngestEvenInADryRun) {
        {"ERROR: The name given with --vm-name is not a valid VM name: 'a/b'",
         "ERROR: Use only letters, digits, and _ . + -  (no spaces or special characters).",
         "ERROR: bad vm-name"}},
+      // Names virsh and virt-install would read as an option, an ID or a UUID.
+      {"",
+       "-web",
+       {"ERROR: The name given with --vm-name is not a valid VM name: '-web'",
+        "ERROR: " + kMisread, "ERROR: bad vm-name"}},
+      {"",
+       "6695EB01-f6a4-8304-79aa-97f2502e193f",
+       {"ERROR: The name given with --vm-name is not a valid VM name: "
+        "'6695EB01-f6a4-8304-79aa-97f2502e193f'",
+        "ERROR: " + kMisread, "ERROR: bad vm-name"}},
+      {"displayName = \"1\"\n",
+       "",
+       {"ERROR: The VM name in the source config is '1', which is not a",
+        "ERROR: " + kMisread, "ERROR: bad source vm-name"}},
+      {"displayName = \"-d\"\n",
+       "",
+       {"ERROR: The VM name in the source config is '-d', which is not a",
+        "ERROR: " + kMisread, "ERROR: bad source vm-name"}},
+      // Told apart from a VM without disks, which is what its clear text looks like.
+      {"encryption.keySafe = "
+       "\"vmware:key/list/(pair/(phrase/x%3d/pass2key%3dPBKDF2-HMAC-SHA-1))\"\n"
+       "encryption.data = \"ZW5jcnlwdGVk\"\n",
+       "",
+       {"ERROR: This VM is encrypted by VMware (encryption.keySafe / encryption.data in "
+        "its .vmx),",
+        "ERROR: before it can be migrated: remove its encryption there, then re-run.",
+        "ERROR: encrypted vm"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.vmxExtra + c.vmName);
@@ -164,6 +195,84 @@ TEST_F(ConversionTest, HeadsUpWarnsOnlyForPresentFeatures) {
   EXPECT_TRUE(hasLine(err, "WARN:  Source has a virtual TPM. We do NOT add one. If BitLocker is enabled,"));
   EXPECT_TRUE(hasLine(err, "WARN:  Source has a serial port; it is not recreated. If an application or"));
   EXPECT_EQ(std::string::npos, err_.find("PCI passthrough"));
+}
+
+// A static MAC is the one the guest's network knows; a NIC switched off in VMware
+// must not come back, nor its stale generated MAC block the run.
+TEST_F(ConversionTest, StaticMacsCountAndDisabledNicsDoNot) {
+  // Ahead of the default file's NIC, whose own lines then come second and lose.
+  writeVmx("ethernet0.present = \"FALSE\"\n"
+           "ETHERNET1.Present = \"TRUE\"\nethernet1.addressType = \"static\"\n"
+           "ethernet1.address = \"00:50:56:3F:00:10\"\n"
+           "ethernet1.generatedAddress = \"00:0c:29:00:00:99\"\n"
+           "ethernet2.present = \"TRUE\"\nethernet2.address = \"00:50:56:3F:00:11\"\n" +
+           readFile(source_.file("web01.vmx")));
+  // The disabled NIC's MAC belongs to another VM now; the static one is in use.
+  libvirt_->domains["other"] = "<mac address='00:50:56:ab:cd:ef'/>";
+  libvirt_->domains["licence"] = "<mac address='00:50:56:3f:00:10'/>";
+  EXPECT_EQ(1, run(options(true)));
+  std::vector<std::string> out = outLines();
+  EXPECT_TRUE(hasLine(out, "  NICs         : 2"));
+  EXPECT_TRUE(
+      hasLine(out,
+              "  - Source NIC MAC 00:50:56:3F:00:10 is already in use on this host by "
+              "VM 'licence'. orvane-v2v preserves the source MAC, so this would "
+              "collide. Remove or change the MAC on the conflicting VM, then re-run."));
+  EXPECT_EQ(std::string::npos, out_.find("00:50:56:AB:CD:EF")) << out_;
+
+  resetFakes();
+  ASSERT_EQ(0, run(options()));
+  ASSERT_EQ(1u, xml_->specs.size());
+  std::vector<std::string> macs;
+  for (const DomainSpec::Nic& nic : xml_->specs[0].nics) macs.push_back(nic.mac);
+  EXPECT_EQ((std::vector<std::string>{"00:50:56:3F:00:10", "00:50:56:3F:00:11"}), macs);
+}
+
+// The disk VMware's BIOS boots from goes first, whatever its bus sorts like.
+TEST_F(ConversionTest, HddOrderPutsTheBootDiskFirst) {
+  writeDisk("data.vmdk");
+  writeVmx("bios.hddOrder = \"scsi0:0\"\n" + readFile(source_.file("web01.vmx")) +
+           "sata0.present = \"TRUE\"\nsata0:0.present = \"TRUE\"\n"
+           "sata0:0.fileName = \"data.vmdk\"\n");
+  EXPECT_EQ(0, run(options(true)));
+  std::vector<std::string> out = outLines();
+  EXPECT_TRUE(hasLine(out, "  Disk order   : scsi0:0, sata0:0 (bios.hddOrder)"));
+  EXPECT_NE(std::string::npos,
+            out_.find("Disks that would be converted:\n  " + source_.file("web01.vmdk") +
+                      "\n        -> " + output_.file("web01-sda.qcow2") + "  (sda)\n"))
+      << out_;
+
+  resetFakes();
+  ASSERT_EQ(0, run(options()));
+  EXPECT_EQ(source_.file("web01.vmdk"), converter_->calls.at(0).first);
+  ASSERT_EQ(1u, xml_->specs.size());
+  EXPECT_EQ(output_.file("web01-sda.qcow2"), xml_->specs[0].disks.at(0).path);
+}
+
+// KVM as defined here cannot start macOS: refused as a boot that cannot be
+// guaranteed, before anything is made, and listed with the other issues.
+TEST_F(ConversionTest, MacosGuestIsRefusedAsUnbootable) {
+  writeVmx("guestOS = \"darwin22-64\"\nfirmware = \"efi\"\n" +
+           readFile(source_.file("web01.vmx")));
+  libvirt_->domains["web01"] = "<domain/>";
+  EXPECT_EQ(1, run(options(true)));
+  std::vector<std::string> out = outLines();
+  EXPECT_TRUE(hasLine(out, "  - A VM named 'web01' already exists in Orvane."));
+  EXPECT_TRUE(hasLine(out,
+                      "  - This is a macOS guest (guestOS 'darwin22-64'), which does not "
+                      "boot on KVM as this tool defines VMs;"));
+  EXPECT_TRUE(
+      hasLine(out, "    its first boot cannot be guaranteed. Keep it on VMware."));
+
+  resetFakes();
+  EXPECT_EQ(2, run(options()));
+  EXPECT_TRUE(hasLine(errLines(),
+                      "ERROR: its first boot cannot be guaranteed. Keep it on VMware."));
+  EXPECT_NE(std::string::npos, lastRecord().find(" result=boot_not_guaranteed "))
+      << lastRecord();
+  EXPECT_TRUE(converter_->calls.empty());
+  EXPECT_TRUE(xml_->specs.empty());
+  EXPECT_TRUE(fs::is_empty(output_.path()));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,138 +16,9 @@ namespace {
 using Strings = std::vector<std::string>;
 using namespace std::string_view_literals;
 
-// As VMware Workstation writes it: UTF-8 marker first, a CD-ROM image on SATA, a
-// floppy, a NAT NIC and an NVMe system disk.
-const char kWorkstationVmx[] = R"(.encoding = "UTF-8"
-config.version = "8"
-virtualHW.version = "19"
-pciBridge0.present = "TRUE"
-pciBridge4.present = "TRUE"
-pciBridge4.virtualDev = "pcieRootPort"
-vmci0.present = "TRUE"
-hpet0.present = "TRUE"
-nvram = "web01.nvram"
-virtualHW.productCompatibility = "hosted"
-powerType.powerOff = "soft"
-displayName = "web01"
-firmware = "efi"
-guestOS = "ubuntu-64"
-tools.syncTime = "FALSE"
-numvcpus = "2"
-cpuid.coresPerSocket = "2"
-memsize = "4096"
-nvme0.present = "TRUE"
-nvme0:0.fileName = "web01.vmdk"
-nvme0:0.present = "TRUE"
-sata0.present = "TRUE"
-sata0:1.deviceType = "cdrom-image"
-sata0:1.fileName = "/home/ops/iso/ubuntu-22.04-live-server-amd64.iso"
-sata0:1.present = "TRUE"
-floppy0.fileType = "file"
-floppy0.fileName = "web01.flp"
-usb.present = "TRUE"
-ehci.present = "TRUE"
-sound.present = "TRUE"
-sound.virtualDev = "hdaudio"
-ethernet0.connectionType = "nat"
-ethernet0.addressType = "generated"
-ethernet0.virtualDev = "e1000e"
-ethernet0.present = "TRUE"
-ethernet0.generatedAddress = "00:0c:29:3a:5b:7c"
-ethernet0.generatedAddressOffset = "0"
-serial0.present = "FALSE"
-extendedConfigFile = "web01.vmxf"
-uuid.bios = "56 4d 1c 2e 8a 7f 3b 01-9e 44 5d 0f 6a 21 b3 c8"
-uuid.location = "56 4d 1c 2e 8a 7f 3b 01-9e 44 5d 0f 6a 21 b3 c8"
-vmxstats.filename = "web01.scoreboard"
-)";
+// Whole files in VMware's own styles are read in vmware_styles_test.cc.
 
-// As ESXi writes it: SCSI disks on two datastores, an ATAPI CD-ROM on IDE, two
-// NICs (one with a static address), vTPM and a passthrough device.
-const char kEsxiVmx[] = R"(.encoding = "UTF-8"
-config.version = "8"
-virtualHW.version = "14"
-vmci0.present = "TRUE"
-floppy0.present = "FALSE"
-numvcpus = "4"
-memSize = "16384"
-bios.bootRetry.delay = "10"
-firmware = "efi"
-tools.upgrade.policy = "manual"
-scsi0.virtualDev = "lsisas1068"
-scsi0.present = "TRUE"
-ide1:0.startConnected = "FALSE"
-ide1:0.deviceType = "atapi-cdrom"
-ide1:0.fileName = "CD/DVD drive 0"
-ide1:0.present = "TRUE"
-scsi0:0.deviceType = "scsi-hardDisk"
-scsi0:0.fileName = "db01.vmdk"
-scsi0:0.present = "TRUE"
-scsi0:1.deviceType = "scsi-hardDisk"
-scsi0:1.fileName = "/vmfs/volumes/5f2a-datastore2/db01/db01_1.vmdk"
-scsi0:1.present = "TRUE"
-ethernet0.virtualDev = "vmxnet3"
-ethernet0.networkName = "VM Network"
-ethernet0.addressType = "vpx"
-ethernet0.generatedAddress = "00:50:56:9a:01:02"
-ethernet0.present = "TRUE"
-ethernet1.virtualDev = "vmxnet3"
-ethernet1.addressType = "static"
-ethernet1.address = "00:50:56:00:00:01"
-ethernet1.present = "TRUE"
-displayName = "db01"
-guestOS = "windows2019srv-64"
-vtpm.present = "TRUE"
-pciPassthru0.id = "00000:059:00.0"
-pciPassthru0.present = "TRUE"
-sched.cpu.min = "0"
-sched.mem.shares = "normal"
-)";
-
-TEST(VmxReader, ReadsWorkstationFile) {
-  const VmxData data = parseVmxText(kWorkstationVmx, "/srv/vms/web01");
-  EXPECT_EQ(data.displayName, "web01");
-  EXPECT_EQ(data.numVcpus, "2");
-  EXPECT_EQ(data.memSize, "4096");
-  EXPECT_EQ(data.guestOs, "ubuntu-64");
-  EXPECT_EQ(data.firmware, "efi");
-  EXPECT_EQ(data.macAddresses, Strings{"00:0c:29:3a:5b:7c"});
-  EXPECT_EQ(data.vmdkFiles, Strings{"/srv/vms/web01/web01.vmdk"});
-  EXPECT_TRUE(data.snapDisks.empty());
-  EXPECT_FALSE(data.hasVtpm);
-  EXPECT_FALSE(data.hasPassthrough);
-  EXPECT_FALSE(data.hasSerial);
-}
-
-TEST(VmxReader, ReadsEsxiFile) {
-  const VmxData data = parseVmxText(kEsxiVmx, "/mnt/db01");
-  EXPECT_EQ(data.displayName, "db01");
-  EXPECT_EQ(data.numVcpus, "4");
-  EXPECT_EQ(data.memSize, "16384");
-  EXPECT_EQ(data.guestOs, "windows2019srv-64");
-  EXPECT_EQ(data.firmware, "efi");
-  // The static address of ethernet1 is not a generated one.
-  EXPECT_EQ(data.macAddresses, Strings{"00:50:56:9a:01:02"});
-  EXPECT_EQ(data.vmdkFiles, (Strings{"/mnt/db01/db01.vmdk",
-                                     "/vmfs/volumes/5f2a-datastore2/db01/db01_1.vmdk"}));
-  EXPECT_TRUE(data.hasVtpm);
-  EXPECT_TRUE(data.hasPassthrough);
-  EXPECT_FALSE(data.hasSerial);
-}
-
-std::string withCrlf(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    if (c == '\n') out += '\r';
-    out += c;
-  }
-  return out;
-}
-
-TEST(VmxReader, CrlfLineEndsReadLikeLf) {
-  for (const char* text : {kWorkstationVmx, kEsxiVmx}) {
-    EXPECT_EQ(parseVmxText(withCrlf(text), "/vm"), parseVmxText(text, "/vm"));
-  }
+TEST(VmxReader, CrAtTheLineEnd) {
   // The CR sits after the closing quote (ignored) or after an unquoted value (which
   // reads as empty anyway); an unclosed quote swallows it, and the value is lost.
   const VmxData data = parseVmxText(
@@ -341,19 +213,100 @@ TEST(VmxReader, DiskPathsAreJoinedAsText) {
   }
 }
 
-TEST(VmxReader, GeneratedMacsInFileOrderOnly) {
-  const char text[] = R"(ethernet1.generatedAddress = "00:0c:29:00:00:02"
-ethernet0.generatedAddress = "00:0c:29:00:00:01"
-ethernet0.address = "00:50:56:00:00:09"
-ethernet2.generatedAddress = ""
-ethernet3.generatedAddress = "00:0c:29:00:00:01"
-Ethernet12.GeneratedAddress = "00:0c:29:00:00:0c"
-ethernet.generatedAddress = "00:0c:29:ff:ff:ff"
-ethernet0.generatedAddressOffset = "0"
-)";
-  EXPECT_EQ(parseVmxText(text, "/vm").macAddresses,
-            (Strings{"00:0c:29:00:00:02", "00:0c:29:00:00:01", "", "00:0c:29:00:00:01",
-                     "00:0c:29:00:00:0c"}));
+TEST(VmxReader, OneMacPerNicThatIsNotSwitchedOff) {
+  const struct {
+    const char* name;
+    const char* text;
+    Strings macs;
+  } cases[] = {
+      {"generated addresses in the order the NICs appear, empty and repeated kept",
+       "ethernet1.generatedAddress = \"00:0c:29:00:00:02\"\n"
+       "ethernet0.generatedAddress = \"00:0c:29:00:00:01\"\n"
+       "ethernet2.generatedAddress = \"\"\n"
+       "ethernet3.generatedAddress = \"00:0c:29:00:00:01\"\n"
+       "Ethernet12.GeneratedAddress = \"00:0c:29:00:00:0c\"\n"
+       "ethernet.generatedAddress = \"00:0c:29:ff:ff:ff\"\n"
+       "ethernetX.generatedAddress = \"00:0c:29:ff:ff:fe\"\n"
+       "ethernet0.generatedAddressOffset = \"0\"\n",
+       {"00:0c:29:00:00:02", "00:0c:29:00:00:01", "", "00:0c:29:00:00:01",
+        "00:0c:29:00:00:0c"}},
+      {"a static address wins over a stale generated one",
+       "ethernet0.addressType = \"static\"\nethernet0.generatedAddress = "
+       "\"00:0c:29:00:00:01\"\n"
+       "ethernet0.address = \"00:50:56:3F:00:10\"\n",
+       {"00:50:56:3F:00:10"}},
+      {"keys and the static type in any case",
+       "ETHERNET0.ADDRESSTYPE = \"Static\"\nEthernet0.Address = \"00:50:56:3f:00:10\"\n"
+       "ethernet0.generatedAddress = \"00:0c:29:00:00:01\"\n",
+       {"00:50:56:3f:00:10"}},
+      {"an address alone is the MAC",
+       "ethernet0.address = \"00:50:56:3f:00:10\"\n",
+       {"00:50:56:3f:00:10"}},
+      {"without the static type the generated address wins",
+       "ethernet0.addressType = \"vpx\"\nethernet0.address = \"00:50:56:3f:00:10\"\n"
+       "ethernet0.generatedAddress = \"00:50:56:8a:00:01\"\n",
+       {"00:50:56:8a:00:01"}},
+      {"static without an address keeps the generated one",
+       "ethernet0.addressType = \"static\"\nethernet0.address = \"\"\n"
+       "ethernet0.generatedAddress = \"00:0c:29:00:00:01\"\n",
+       {"00:0c:29:00:00:01"}},
+      {"a NIC switched off is left out in any case, a present one kept",
+       "ethernet0.present = \"FALSE\"\nethernet0.generatedAddress = "
+       "\"00:0c:29:00:00:01\"\n"
+       "ethernet1.generatedAddress = \"00:0c:29:00:00:02\"\nEthernet1.Present = "
+       "\"false\"\n"
+       "ethernet2.present = \"TRUE\"\nethernet2.generatedAddress = "
+       "\"00:0c:29:00:00:03\"\n"
+       "ethernet3.present = \"0\"\nethernet3.generatedAddress = \"00:0c:29:00:00:04\"\n",
+       {"00:0c:29:00:00:03", "00:0c:29:00:00:04"}},
+      {"one NIC however its keys are spelt; the first of each key wins",
+       "Ethernet0.present = \"TRUE\"\nEthernet0.generatedAddress = "
+       "\"00:0c:29:00:00:01\"\n"
+       "ethernet0.present = \"FALSE\"\nethernet0.generatedAddress = "
+       "\"00:0c:29:00:00:02\"\n",
+       {"00:0c:29:00:00:01"}},
+      {"a NIC without an address key is none", "ethernet0.present = \"TRUE\"\n", {}},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(parseVmxText(c.text, "/vm").macAddresses, c.macs) << c.name;
+  }
+}
+
+TEST(VmxReader, HddOrderPutsTheNamedDisksFirst) {
+  const std::string disks =
+      "scsi0:0.fileName = \"sys.vmdk\"\nscsi0:0.present = \"TRUE\"\n"
+      "sata0:0.fileName = \"data.vmdk\"\nsata0:0.present = \"TRUE\"\n"
+      "nvme0:0.fileName = \"fast.vmdk\"\nnvme0:0.present = \"TRUE\"\n"
+      "ide1:0.fileName = \"cd.iso\"\nide1:0.present = \"TRUE\"\n";
+  const struct {
+    const char* hddOrder;
+    Strings devices;
+    bool applied;
+  } cases[] = {
+      {nullptr, {"nvme0:0", "sata0:0", "scsi0:0"}, false},
+      {"scsi0:0", {"scsi0:0", "nvme0:0", "sata0:0"}, true},
+      {"scsi0:0,sata0:0", {"scsi0:0", "sata0:0", "nvme0:0"}, true},
+      {" SCSI0:0 , sata0:00 ,scsi0:0", {"scsi0:0", "sata0:0", "nvme0:0"}, true},
+      // Devices that are no hard disk here are passed over.
+      {"ide1:0,scsi1:0,,sata0:0", {"sata0:0", "nvme0:0", "scsi0:0"}, true},
+      {"ide0:0", {"nvme0:0", "sata0:0", "scsi0:0"}, false},
+      {"", {"nvme0:0", "sata0:0", "scsi0:0"}, false},
+  };
+  for (const auto& c : cases) {
+    const std::string text =
+        (c.hddOrder ? std::string("bios.hddOrder = \"") + c.hddOrder + "\"\n" : "") +
+        disks;
+    const VmxData data = parseVmxText(text, "/vm");
+    EXPECT_EQ(data.diskDevices, c.devices) << (c.hddOrder ? c.hddOrder : "none");
+    EXPECT_EQ(data.hddOrderApplied, c.applied) << (c.hddOrder ? c.hddOrder : "none");
+    // The paths move with their devices.
+    const std::map<std::string, std::string> fileOf = {{"scsi0:0", "/vm/sys.vmdk"},
+                                                       {"sata0:0", "/vm/data.vmdk"},
+                                                       {"nvme0:0", "/vm/fast.vmdk"}};
+    Strings paths;
+    for (const std::string& device : c.devices) paths.push_back(fileOf.at(device));
+    EXPECT_EQ(data.vmdkFiles, paths);
+  }
 }
 
 TEST(VmxReader, HardwareFlags) {

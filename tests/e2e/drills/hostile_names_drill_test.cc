@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <sstream>
 
 #include "e2e/migrations/host_run.h"
 #include "support/vmware_folder.h"
@@ -39,6 +40,21 @@ class HostileNamesOnHost : public HostRunTest {
   void expectNothingRanInAShell(const std::vector<std::string>& dirs) {
     EXPECT_EQ(std::vector<std::string>{}, fileNamesIn(cwd_.path()));
     for (const std::string& dir : dirs) EXPECT_FALSE(fs::exists(dir + "/pwned")) << dir;
+  }
+
+  /// Removes a domain that a refusal which no longer holds let the run define. It
+  /// is found by its exact name and undefined by UUID: virsh would take "1" for a
+  /// domain ID and "-d" for an option.
+  static void undefineStray(const std::string& name) {
+    std::istringstream uuids(runCommand({"virsh", "list", "--all", "--uuid"}).stdoutText);
+    for (std::string uuid; std::getline(uuids, uuid);) {
+      if (uuid.empty()) continue;
+      const std::string named = runCommand({"virsh", "domname", uuid}).stdoutText;
+      if (named.substr(0, named.find('\n')) != name) continue;
+      if (!runCommand({"virsh", "undefine", uuid, "--nvram"}).ok()) {
+        runCommand({"virsh", "undefine", uuid});
+      }
+    }
   }
 
   std::unique_ptr<VmwareFolder> hostileFolder(const std::string& displayName) {
@@ -86,6 +102,10 @@ TEST_F(HostileNamesOnHost, UnusableNamesAreRefusedBeforeAnythingIsMade) {
   };
   const std::string given = "web 01; $(touch pwned) 'x' ü";
   const std::string inSource = "db 02; $(touch pwned) 'y' ß";
+  const std::string uuid = "6695eb01-f6a4-8304-79aa-97f2502e193f";
+  const std::string misread =
+      "A VM name must not begin with '-', be a number or have the form of a UUID: virsh "
+      "would read it as an option, a domain ID or a UUID.";
   const std::vector<Refusal> refusals = {
       {"--vm-name",
        "web01",
@@ -101,6 +121,28 @@ TEST_F(HostileNamesOnHost, UnusableNamesAreRefusedBeforeAnythingIsMade) {
         "ERROR: compatible VM name (it contains spaces or special characters).",
         "ERROR: Re-run with --vm-name to set a valid name.",
         "ERROR: bad source vm-name"}},
+      // Meant as a dry run ("-n -d"), taken as the name: refused, not migrated.
+      {"--vm-name that virt-install would read as an option",
+       "web01",
+       {"-n", "-d"},
+       {"ERROR: The name given with --vm-name is not a valid VM name: '-d'",
+        "ERROR: Use only letters, digits, and _ . + -  (no spaces or special "
+        "characters).",
+        "ERROR: " + misread, "ERROR: bad vm-name"}},
+      {"--vm-name that virsh would look up as a UUID",
+       "web01",
+       {"-n", uuid},
+       {"ERROR: The name given with --vm-name is not a valid VM name: '" + uuid + "'",
+        "ERROR: Use only letters, digits, and _ . + -  (no spaces or special "
+        "characters).",
+        "ERROR: " + misread, "ERROR: bad vm-name"}},
+      {"a source name that virsh would look up as a domain ID",
+       "1",
+       {},
+       {"ERROR: The VM name in the source config is '1', which is not a",
+        "ERROR: compatible VM name (it contains spaces or special characters).",
+        "ERROR: " + misread, "ERROR: Re-run with --vm-name to set a valid name.",
+        "ERROR: bad source vm-name"}},
   };
   for (const Refusal& c : refusals) {
     SCOPED_TRACE(c.what);
@@ -111,6 +153,8 @@ TEST_F(HostileNamesOnHost, UnusableNamesAreRefusedBeforeAnythingIsMade) {
     args.insert(args.end(), c.nameArgs.begin(), c.nameArgs.end());
     CommandResult r = runProgram(args);
     EXPECT_EQ(1, r.exitCode) << r.stdoutText << r.stderrText;
+    if (r.exitCode == 0)
+      undefineStray(c.nameArgs.empty() ? c.displayName : c.nameArgs[1]);
     const std::vector<std::string> errors = consoleLines(r.stderrText);
     EXPECT_EQ(std::vector<std::string>(c.lines.begin() + 1, c.lines.end()),
               linesAfter(errors, c.lines.front(), c.lines.size() - 1))
