@@ -14,7 +14,10 @@ void Conversion::bootFix() {
   }
   log_.info("Step 4/" + total + ": Applying UEFI boot fix (libguestfs)...");
   Spinner spinner("  applying boot fix", 1);
-  BootFixResult result = bootFixer_->ensureEfiFallback(createdQcows_, &spinner);
+  BootFixResult result =
+      bootFixer_->ensureEfiFallback(createdQcows_, &spinner, &gPendingSignal);
+  // A signal stops the appliance and surfaces as a tool failure: it is an interrupt.
+  checkSignal();
   switch (result.outcome) {
     case BootFixOutcome::kApplied:
       efiFixNote_ = result.note;

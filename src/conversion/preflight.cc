@@ -66,9 +66,8 @@ void Conversion::runPreflightChecks() {
 void Conversion::loadDomainMacs() {
   static const std::regex kMacAttr("mac address='([0-9A-Fa-f:]+)'", std::regex::ECMAScript);
   domainMacsLoaded_ = true;
-  for (const std::string& name : libvirt_->listDomains()) {
+  for (const auto& [name, xml] : libvirt_->dumpAllDomainXml()) {
     if (name.empty()) continue;
-    std::string xml = libvirt_->dumpDomainXml(name);
     std::vector<std::string> macs;
     for (std::sregex_iterator it(xml.begin(), xml.end(), kMacAttr), end; it != end; ++it) {
       macs.push_back(toLowerAscii((*it)[1].str()));
@@ -78,8 +77,8 @@ void Conversion::loadDomainMacs() {
 }
 
 std::string Conversion::macInUseBy(const std::string& mac) {
-  // Every NIC asks the same question of the same domains: one listing and one dump
-  // per domain serve the whole run instead of one per NIC.
+  // Every NIC asks the same question of the same domains: the definitions are read
+  // once per run, through one virsh, instead of once per NIC and domain.
   if (!domainMacsLoaded_) loadDomainMacs();
   const std::string wanted = toLowerAscii(mac);
   for (const auto& [name, macs] : domainMacs_) {

@@ -1,14 +1,33 @@
 #include <iostream>
 #include <string>
 
+#include "boot_fixer/boot_fixer.h"
+#include "conversion/boot_prediction.h"
 #include "conversion/conversion.h"
 #include "conversion/errors.h"
+#include "conversion/step_helpers.h"
+#include "progress/spinner.h"
 
 namespace orvane {
 
 int Conversion::dryRunSummary() {
   const std::string total = std::to_string(totalSteps_);
   log_.info("Step " + total + "/" + total + ": Preparing the dry-run summary...");
+  // A UEFI guest's boot fix is decided now, on the source disks opened read-only, so
+  // that a refusal is known before any disk is converted. Without guestfish there is
+  // nothing to ask (that is a blocker of its own); a BIOS guest needs no appliance.
+  BootPredictionReport bootPrediction;
+  if (firmware_ == "efi" && commandExists("guestfish")) {
+    log_.info("  Checking the source's EFI System Partition (libguestfs, read-only)...");
+    BootFixPrediction predicted;
+    {
+      Spinner spinner("  reading the source disks", 1);
+      predicted = bootFixer_->predictEfiFallback(vmdkFiles_, &spinner, &gPendingSignal);
+    }
+    checkSignal();
+    bootPrediction = describeBootPrediction(predicted);
+    if (!bootPrediction.issue.empty()) noteBlocker(bootPrediction.issue, kExitBootNotGuaranteed);
+  }
   log_.emit("");
   log_.emit("=== DRY RUN SUMMARY ===");
   log_.emit("VM name:        " + vmName_);
@@ -30,6 +49,7 @@ int Conversion::dryRunSummary() {
   if (firmware_ == "efi") {
     log_.emit("");
     log_.emit("UEFI boot fix would run (libguestfs): ensure \\EFI\\BOOT\\BOOTX64.EFI exists.");
+    if (!bootPrediction.line.empty()) log_.emit(bootPrediction.line);
   }
   if (dryIssues_.empty()) {
     log_.emit("");

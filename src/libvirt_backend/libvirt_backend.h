@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace orvane {
@@ -22,6 +23,9 @@ class LibvirtBackend {
   virtual bool domainExists(const std::string& name) = 0;
   virtual std::vector<std::string> listDomains() = 0;
   virtual std::string dumpDomainXml(const std::string& name) = 0;
+  /// Every domain's name and XML, in listing order, read through one `virsh` rather
+  /// than one per domain. A definition that could not be read is empty.
+  virtual std::vector<std::pair<std::string, std::string>> dumpAllDomainXml() = 0;
   /// Throws V2vError carrying the tool's error text on failure.
   virtual void defineDomain(const std::string& xml, ProgressObserver* progress) = 0;
   /// Best effort; never reports failure.

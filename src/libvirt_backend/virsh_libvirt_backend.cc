@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <random>
 #include <string_view>
 
 #include "conversion/errors.h"
@@ -59,7 +60,63 @@ std::string writeTempXml(const std::string& xml) {
   return path;
 }
 
+/// A word of virsh's own command language: single quotes keep everything but a
+/// quote, which is closed, escaped and reopened. Names may hold blanks, ";", quotes.
+std::string virshQuoted(const std::string& word) {
+  std::string out = "'";
+  for (char c : word) {
+    if (c == '\'') {
+      out += "'\\''";
+    } else {
+      out += c;
+    }
+  }
+  return out + "'";
+}
+
+// One command line argument stays well below the kernel's limit for a single
+// argument (128 KiB); a longer list is read in several processes.
+constexpr std::size_t kMaxBatchArgument = 96 * 1024;
+
 }  // namespace
+
+std::vector<std::pair<std::string, std::string>> dumpBatchXml(
+    const std::vector<std::string>& names, const std::string& nonce) {
+  std::vector<std::pair<std::string, std::string>> result;
+  std::size_t next = 0;
+  while (next < names.size()) {
+    // "echo <marker>; dumpxml --domain <name>; echo <marker>; ...": virsh runs the
+    // commands one after the other and goes on after a failed one. The markers carry a
+    // nonce no domain's XML can predict, so the text between two of them is exactly
+    // one definition; --domain keeps a name that begins with "-" from being an option.
+    const std::size_t first = next;
+    std::string batch;
+    std::vector<std::string> markers;
+    do {
+      markers.push_back("orvane-" + nonce + "-" + std::to_string(next));
+      batch += "echo " + markers.back() + "; dumpxml --domain " + virshQuoted(names[next]) + "; ";
+      ++next;
+    } while (next < names.size() && batch.size() < kMaxBatchArgument);
+    markers.push_back("orvane-" + nonce + "-end");
+    batch += "echo " + markers.back();
+
+    const std::string out = runCommand({"virsh", batch}).stdoutText;
+    // Only a definition whose closing marker arrived is complete: a virsh that died
+    // part-way leaves the rest empty, as a failed dumpxml would.
+    std::size_t pos = out.find(markers[0]);
+    for (std::size_t i = 0; i + 1 < markers.size(); ++i) {
+      std::string xml;
+      if (pos != std::string::npos) {
+        const std::size_t start = pos + markers[i].size();
+        const std::size_t end = out.find(markers[i + 1], start);
+        if (end != std::string::npos) xml = out.substr(start, end - start);
+        pos = end;
+      }
+      result.emplace_back(names[first + i], std::move(xml));
+    }
+  }
+  return result;
+}
 
 std::optional<std::string> extractPoolPath(const std::string& poolXml) {
   static constexpr std::string_view kOpen = "<path>";
@@ -109,6 +166,14 @@ std::vector<std::string> VirshLibvirtBackend::listDomains() {
 
 std::string VirshLibvirtBackend::dumpDomainXml(const std::string& name) {
   return virsh({"dumpxml", name}).stdoutText;
+}
+
+std::vector<std::pair<std::string, std::string>> VirshLibvirtBackend::dumpAllDomainXml() {
+  std::vector<std::string> names = listDomains();
+  std::random_device random;
+  std::string nonce;
+  for (int i = 0; i < 16; ++i) nonce += "0123456789abcdef"[random() % 16];
+  return dumpBatchXml(names, nonce);
 }
 
 void VirshLibvirtBackend::defineDomain(const std::string& xml,

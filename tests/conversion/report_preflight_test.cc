@@ -36,16 +36,73 @@ TEST_F(ConversionTest, CleanDryRunReportIsExact) {
   EXPECT_EQ(expected, report);
   EXPECT_TRUE(hasLine(out, "Step 3/3: Preparing the dry-run summary..."));
   EXPECT_TRUE(converter_->calls.empty());
+  EXPECT_TRUE(fixer_->predictCalls.empty()) << "a BIOS guest's dry run launches no appliance";
   EXPECT_NE(std::string::npos, lastRecord().find(" result=dry_run "));
 }
 
-TEST_F(ConversionTest, UefiDryRunMentionsFirmwareAndTheFix) {
+// The dry run asks the fixer about the source disks and reports what a real run
+// would do; a predicted refusal is an issue of its own, naming exit 2.
+TEST_F(ConversionTest, UefiDryRunPredictsTheBootFix) {
+  struct Case {
+    const char* name;
+    BootFixPrediction prediction;
+    int exitCode;
+    std::vector<std::string> lines;
+  };
+  const std::string from = "  From the source disks: ";
+  const std::string exit2 =
+      ": a real run would convert every disk and then end with exit 2 (boot could not be "
+      "guaranteed).";
+  const Case cases[] = {
+      {"copy",
+       {{BootFixOutcome::kApplied, "added \\EFI\\BOOT\\BOOTX64.EFI from shimx64.efi"},
+        "/EFI/debian/shimx64.efi"},
+       0,
+       {from + "would write the fallback loader from /EFI/debian/shimx64.efi."}},
+      {"present",
+       {{BootFixOutcome::kApplied, "fallback bootloader already present (left as-is)"}, ""},
+       0,
+       {from + "already bootable (\\EFI\\BOOT\\BOOTX64.EFI is present; left as-is)."}},
+      {"no ESP",
+       {{BootFixOutcome::kNoEsp, ""}, ""},
+       1,
+       {from + "the boot fix would refuse (no EFI System Partition).",
+        "  - Firmware is EFI but no EFI System Partition was found on the source disk(s)" + exit2,
+        "    Check the VM's firmware setting and its disks in VMware, then re-run."}},
+      {"ambiguous",
+       {{BootFixOutcome::kAmbiguous, ""}, ""},
+       1,
+       {from + "the boot fix would refuse (no clear bootloader on the ESP).",
+        "  - The source's ESP has no clear bootloader to make bootable (none found, or several "
+        "candidates)" + exit2,
+        "    Inspect the guest's ESP and convert manually."}},
+      {"unreadable is no blocker",
+       {{BootFixOutcome::kError, "libguestfs could not read the source disk(s)."}, ""},
+       0,
+       {"  Could not be predicted: libguestfs could not read the source disk(s). A real run "
+        "checks the converted disks."}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    resetFakes();
+    writeVmx("firmware = \"EFI\"\n" + readFile(source_.file("web01.vmx")));
+    fixer_->prediction = c.prediction;
+    EXPECT_EQ(c.exitCode, run(options(true)));
+    std::vector<std::string> out = outLines();
+    EXPECT_TRUE(hasLine(out, "Firmware:       efi (OVMF, Secure Boot off)"));
+    EXPECT_TRUE(hasLine(
+        out, "UEFI boot fix would run (libguestfs): ensure \\EFI\\BOOT\\BOOTX64.EFI exists."));
+    for (const std::string& line : c.lines) EXPECT_TRUE(hasLine(out, line)) << line;
+    EXPECT_EQ(fixer_->predictCalls, std::vector<std::vector<std::string>>{{source_.file("web01.vmdk")}});
+    EXPECT_TRUE(fixer_->calls.empty());
+  }
+}
+
+TEST_F(ConversionTest, SignalDuringTheBootPredictionInterruptsTheDryRun) {
   writeVmx("firmware = \"EFI\"\n" + readFile(source_.file("web01.vmx")));
-  EXPECT_EQ(0, run(options(true)));
-  std::vector<std::string> out = outLines();
-  EXPECT_TRUE(hasLine(out, "Firmware:       efi (OVMF, Secure Boot off)"));
-  EXPECT_TRUE(hasLine(
-      out, "UEFI boot fix would run (libguestfs): ensure \\EFI\\BOOT\\BOOTX64.EFI exists."));
+  fixer_->during = [] { gPendingSignal = SIGTERM; };
+  EXPECT_EQ(128 + SIGTERM, run(options(true)));
+  EXPECT_EQ(std::string::npos, out_.find("=== DRY RUN SUMMARY ==="));
 }
 
 TEST_F(ConversionTest, OnlyAPlainYesConfirms) {
@@ -90,7 +147,7 @@ TEST_F(ConversionTest, DanglingLinkAtATargetCountsAsExisting) {
   EXPECT_NE(std::string::npos, out_.find("Target image already exists"));
 }
 
-TEST_F(ConversionTest, MacCollisionIsCaseInsensitiveAndDomainsAreReadOnce) {
+TEST_F(ConversionTest, MacCollisionIsCaseInsensitiveAndDomainsAreReadAtOnce) {
   writeVmx(readFile(source_.file("web01.vmx")) +
            "ethernet1.generatedAddress = \"00:50:56:00:00:02\"\n"
            "ethernet2.generatedAddress = \"\"\n");
@@ -103,8 +160,8 @@ TEST_F(ConversionTest, MacCollisionIsCaseInsensitiveAndDomainsAreReadOnce) {
                        "'db01'. orvane-v2v preserves the source MAC, so this would collide. "
                        "Remove or change the MAC on the conflicting VM, then re-run."));
   EXPECT_EQ(std::string::npos, out_.find("00:50:56:00:00:02 is already"));
-  EXPECT_EQ(1, std::count(libvirt_->calls.begin(), libvirt_->calls.end(), "listDomains"));
-  EXPECT_EQ(1, std::count(libvirt_->calls.begin(), libvirt_->calls.end(), "dumpDomainXml db01"));
+  EXPECT_EQ(1, std::count(libvirt_->calls.begin(), libvirt_->calls.end(), "dumpAllDomainXml"));
+  EXPECT_EQ(0, std::count(libvirt_->calls.begin(), libvirt_->calls.end(), "dumpDomainXml db01"));
 }
 
 TEST_F(ConversionTest, UefiGuestNeedsGuestfish) {

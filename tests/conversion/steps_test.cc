@@ -86,6 +86,17 @@ TEST_F(StepsTest, UefiOutcomesDecideTheExitCode) {
   }
 }
 
+// The fixer stops its appliance and answers kError when the signal comes: that is an
+// interrupt (128 + n), not a failed fix, and nothing is defined.
+TEST_F(StepsTest, SignalDuringTheBootFixIsAnInterrupt) {
+  useThreeDisks("efi");
+  fixer_->result = {BootFixOutcome::kError, "libguestfs could not read the converted disk(s)."};
+  fixer_->during = [] { gPendingSignal = SIGINT; };
+  EXPECT_EQ(128 + SIGINT, run(options()));
+  EXPECT_EQ(std::string::npos, err_.find("The UEFI boot fix failed.")) << err_;
+  EXPECT_TRUE(libvirt_->definedXml.empty());
+}
+
 TEST_F(StepsTest, UefiGuestIsDefinedWithUefiAndTheNoteReachesTheSummary) {
   useThreeDisks("efi");
   EXPECT_EQ(0, run(options()));

@@ -45,6 +45,11 @@ std::string FakeLibvirtBackend::dumpDomainXml(const std::string& name) {
   return it == domains.end() ? "" : it->second;
 }
 
+std::vector<std::pair<std::string, std::string>> FakeLibvirtBackend::dumpAllDomainXml() {
+  calls.push_back("dumpAllDomainXml");
+  return {domains.begin(), domains.end()};
+}
+
 void FakeLibvirtBackend::defineDomain(const std::string& xml, ProgressObserver*) {
   calls.push_back("defineDomain");
   if (!defineError.empty()) throw V2vError(defineError);
@@ -69,9 +74,19 @@ std::string FakeDomainXmlBuilder::buildDomainXml(const DomainSpec& spec, Progres
 }
 
 BootFixResult FakeBootFixer::ensureEfiFallback(const std::vector<std::string>& disks,
-                                               ProgressObserver*) {
+                                               ProgressObserver*,
+                                               const volatile std::sig_atomic_t*) {
   calls.push_back(disks);
+  if (during) during();
   return result;
+}
+
+BootFixPrediction FakeBootFixer::predictEfiFallback(const std::vector<std::string>& disks,
+                                                ProgressObserver*,
+                                                const volatile std::sig_atomic_t*) {
+  predictCalls.push_back(disks);
+  if (during) during();
+  return prediction;
 }
 
 CommandResult FakeDiskConverter::convert(const std::string& source, const std::string& target,

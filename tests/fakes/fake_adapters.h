@@ -39,6 +39,7 @@ class FakeLibvirtBackend : public LibvirtBackend {
   bool domainExists(const std::string& name) override;
   std::vector<std::string> listDomains() override;
   std::string dumpDomainXml(const std::string& name) override;
+  std::vector<std::pair<std::string, std::string>> dumpAllDomainXml() override;
   void defineDomain(const std::string& xml, ProgressObserver* progress) override;
   void undefineDomain(const std::string& name) override;
   bool refreshPool(const std::string& pool, ProgressObserver* progress) override;
@@ -55,8 +56,17 @@ class FakeBootFixer : public BootFixer {
  public:
   BootFixResult result{BootFixOutcome::kApplied, "added \\EFI\\BOOT\\BOOTX64.EFI from shimx64.efi"};
   std::vector<std::vector<std::string>> calls;
-  BootFixResult ensureEfiFallback(const std::vector<std::string>& disks,
-                                  ProgressObserver* progress) override;
+  /// What predictEfiFallback answers; it records its disks in `predictCalls`.
+  BootFixPrediction prediction{
+      {BootFixOutcome::kApplied, "fallback bootloader already present (left as-is)"}, ""};
+  std::vector<std::vector<std::string>> predictCalls;
+  /// Runs inside either call (a test may raise a signal there).
+  std::function<void()> during;
+  BootFixResult ensureEfiFallback(const std::vector<std::string>& disks, ProgressObserver* progress,
+                                  const volatile std::sig_atomic_t* stopFlag) override;
+  BootFixPrediction predictEfiFallback(const std::vector<std::string>& disks,
+                                       ProgressObserver* progress,
+                                       const volatile std::sig_atomic_t* stopFlag) override;
 };
 
 /// Writes a small file at the target, as qemu-img would, unless told to fail.

@@ -190,6 +190,45 @@ TEST(VirshLibvirtBackend, DumpDomainXmlReturnsOutputWhateverTheExit) {
   }
 }
 
+// Names as libvirt allows them reach virsh as one word each, in one process.
+TEST(VirshLibvirtBackend, AllDefinitionsInOneVirsh) {
+  FakeTools tools;
+  addVirsh(tools, "", 0);
+  dumpBatchXml({"web 01", "it's", "-x;y", "caf\xc3\xa9"}, "N");
+  const std::vector<Argv> expected = {
+      {"echo orvane-N-0; dumpxml --domain 'web 01'; echo orvane-N-1; dumpxml --domain "
+       "'it'\\''s'; echo orvane-N-2; dumpxml --domain '-x;y'; echo orvane-N-3; dumpxml "
+       "--domain 'caf\xc3\xa9'; echo orvane-N-end"}};
+  EXPECT_EQ(tools.calls("virsh"), expected);
+}
+
+// Only a definition whose closing marker arrived counts; the rest read as a failed
+// dumpxml does: empty, so no MAC of theirs ever matches.
+TEST(VirshLibvirtBackend, BatchOutputIsSplitAtTheMarkers) {
+  struct Case {
+    const char* name;
+    std::string out;
+    int exitCode;
+    std::vector<std::string> xml;
+  };
+  const Case cases[] = {
+      {"all read", "orvane-N-0<domain>a</domain>\norvane-N-1<domain>b</domain>\norvane-N-end",
+       0, {"<domain>a</domain>\n", "<domain>b</domain>\n"}},
+      {"one vanished", "orvane-N-0orvane-N-1<domain>b</domain>\norvane-N-end", 0,
+       {"", "<domain>b</domain>\n"}},
+      {"virsh fails mid-list", "orvane-N-0<domain>a</domain>\norvane-N-1<domain><mac address=",
+       1, {"<domain>a</domain>\n", ""}},
+      {"virsh fails at once", "", 1, {"", ""}},
+  };
+  for (const Case& c : cases) {
+    FakeTools tools;
+    addVirsh(tools, c.out, c.exitCode);
+    std::vector<std::pair<std::string, std::string>> expected = {{"a", c.xml[0]},
+                                                                 {"b", c.xml[1]}};
+    EXPECT_EQ(dumpBatchXml({"a", "b"}, "N"), expected) << c.name;
+  }
+}
+
 TEST(VirshLibvirtBackend, UndefineFallsBackToPlainFormOnce) {
   struct Case {
     const char* name;

@@ -5,12 +5,14 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <string>
 #include <vector>
 
 #include "boot_fixer/guestfish_boot_fixer.h"
 #include "e2e/adapters/esp_disks.h"
 #include "process/command_runner.h"
+#include "progress/progress_observer.h"
 #include "support/temp_dir.h"
 
 namespace orvane {
@@ -69,7 +71,7 @@ TEST(GuestfishBootFixerOnHost, EverySituation) {
        ""},
   };
 
-  TempDir dir("orvane-e2e-esp");
+  TempDir dir("orvane-e2e-boot-esp");
   std::vector<TestDisk> disks;
   std::vector<std::string> images;
   for (std::size_t i = 0; i < scenarios.size(); ++i) {
@@ -80,7 +82,7 @@ TEST(GuestfishBootFixerOnHost, EverySituation) {
 
   for (std::size_t i = 0; i < scenarios.size(); ++i) {
     SCOPED_TRACE(scenarios[i].name);
-    BootFixResult r = GuestfishBootFixer().ensureEfiFallback({images[i]}, nullptr);
+    BootFixResult r = GuestfishBootFixer().ensureEfiFallback({images[i]}, nullptr, nullptr);
     EXPECT_EQ(r.outcome, scenarios[i].outcome);
     EXPECT_EQ(r.note, scenarios[i].note);
   }
@@ -120,6 +122,41 @@ TEST(GuestfishBootFixerOnHost, EverySituation) {
   // Ambiguous and no-ESP disks are not written at all.
   EXPECT_EQ(a[10], "false");
   EXPECT_EQ(a[11], "false");
+}
+
+/// Raises the stop flag once the appliance has been starting for a while, as the
+/// conversion's signal handler would.
+class StopDuringLaunch : public ProgressObserver {
+ public:
+  explicit StopDuringLaunch(volatile std::sig_atomic_t& flag) : flag_(flag) {}
+  void onTick() override {
+    if (++ticks_ == 50) flag_ = SIGINT;
+  }
+
+ private:
+  volatile std::sig_atomic_t& flag_;
+  int ticks_ = 0;
+};
+
+/// Processes whose command line names `needle` (qemu names the disk it was given).
+int processesNaming(const std::string& needle) {
+  CommandResult r = runCommand({"pgrep", "-f", "-c", "--", needle});
+  return r.ok() ? std::stoi(r.stdoutText) : 0;
+}
+
+TEST(GuestfishBootFixerOnHost, SignalDuringTheLaunchLeavesNoAppliance) {
+  if (!guestfishAvailable())
+    GTEST_SKIP() << "guestfish is missing: run scripts/host-setup";
+  TempDir dir("orvane-e2e-boot-stop");
+  const std::string image = dir.file("boot-stop.qcow2");
+  ASSERT_TRUE(runCommand({"qemu-img", "create", "-f", "qcow2", image, "64M"}).ok());
+
+  volatile std::sig_atomic_t flag = 0;
+  StopDuringLaunch progress(flag);
+  BootFixResult r = GuestfishBootFixer().ensureEfiFallback({image}, &progress, &flag);
+  EXPECT_EQ(r.outcome, BootFixOutcome::kError);
+  EXPECT_EQ(processesNaming(image), 0) << "an appliance outlived the stop";
+  EXPECT_EQ(processesNaming("guestfish --rw -a " + image), 0);
 }
 
 }  // namespace

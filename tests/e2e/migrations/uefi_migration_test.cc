@@ -63,9 +63,32 @@ TEST_F(UefiMigrationOnHost, ShimGuestIsMadeBootableAndTwoGrubsAreRefused) {
                     .ok());
   }
 
-  // The shim guest: converted, fixed, defined for UEFI on q35.
   auto shimFolder = uefiFolder("ubuntu-efi", work_.file("shim.raw"));
   const FolderSnapshot shimBefore = snapshotFolder(shimFolder->path());
+  auto grubsFolder = uefiFolder("two-grubs", work_.file("twogrubs.raw"));
+  const FolderSnapshot grubsBefore = snapshotFolder(grubsFolder->path());
+
+  // The dry runs read the source VMDKs read-only and predict both outcomes.
+  TempDir dryOut("orvane-e2e-boot-dry");
+  CommandResult shimDry = runProgram({"-p", shimFolder->path(), "-o", dryOut.path(), "-n",
+                                      vmName("uefi-shim"), "--dry-run"});
+  EXPECT_EQ(0, shimDry.exitCode) << shimDry.stdoutText << shimDry.stderrText;
+  EXPECT_TRUE(hasLine(consoleLines(shimDry.stdoutText),
+                      "  From the source disks: would write the fallback loader from "
+                      "/EFI/ubuntu/shimx64.efi."))
+      << shimDry.stdoutText;
+  CommandResult grubsDry = runProgram({"-p", grubsFolder->path(), "-o", dryOut.path(), "-n",
+                                       vmName("uefi-twogrubs"), "--dry-run"});
+  EXPECT_EQ(1, grubsDry.exitCode) << grubsDry.stdoutText << grubsDry.stderrText;
+  EXPECT_NE(std::string::npos,
+            grubsDry.stdoutText.find("  - The source's ESP has no clear bootloader to make "
+                                     "bootable (none found, or several candidates): a real "
+                                     "run would convert every disk and then end with exit 2"))
+      << grubsDry.stdoutText;
+  EXPECT_EQ(std::vector<std::string>{}, fileNamesIn(dryOut.path()));
+  EXPECT_EQ("", describeDifferences(shimBefore, snapshotFolder(shimFolder->path())));
+
+  // The shim guest: converted, fixed, defined for UEFI on q35.
   TempDir out("orvane-e2e-out");
   const std::string shimVm = vmName("uefi-shim");
   const std::string shimImage = out.file(shimVm + ".qcow2");
@@ -92,8 +115,6 @@ TEST_F(UefiMigrationOnHost, ShimGuestIsMadeBootableAndTwoGrubsAreRefused) {
   EXPECT_EQ("", describeDifferences(shimBefore, snapshotFolder(shimFolder->path())));
 
   // The ambiguous guest: refused after conversion, and everything undone.
-  auto grubsFolder = uefiFolder("two-grubs", work_.file("twogrubs.raw"));
-  const FolderSnapshot grubsBefore = snapshotFolder(grubsFolder->path());
   TempDir refusedOut("orvane-e2e-out");
   const std::string grubsVm = vmName("uefi-twogrubs");
   CommandResult grubsRun = runProgram(
