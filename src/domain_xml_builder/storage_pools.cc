@@ -68,14 +68,16 @@ PoolChanges poolChanges(const PoolStates& before, const PoolStates& after) {
     }
   }
   std::sort(changes.created.begin(), changes.created.end());
-  std::set_intersection(before.inactive.begin(), before.inactive.end(), after.active.begin(),
-                        after.active.end(), std::back_inserter(changes.started));
+  std::set_intersection(before.inactive.begin(), before.inactive.end(),
+                        after.active.begin(), after.active.end(),
+                        std::back_inserter(changes.started));
   return changes;
 }
 
 bool listPools(PoolStates& states, std::string& error) {
   const CommandResult active = runCommand({"virsh", "pool-list", "--name"});
-  const CommandResult inactive = runCommand({"virsh", "pool-list", "--inactive", "--name"});
+  const CommandResult inactive =
+      runCommand({"virsh", "pool-list", "--inactive", "--name"});
   for (const CommandResult* r : {&active, &inactive}) {
     if (!r->ok()) {
       error = "Could not list libvirt's storage pools: " + firstLine(r->stderrText);
@@ -101,7 +103,8 @@ std::string restorePools(const PoolChanges& changes, const PoolStates& after,
     if (after.active.count(pool)) {
       const CommandResult stopped = runCommand({"virsh", "pool-destroy", pool});
       if (!stopped.ok()) {
-        fail("Could not stop storage pool '" + pool + "' that virt-install made for " + dir,
+        fail("Could not stop storage pool '" + pool + "' that virt-install made for " +
+                 dir,
              stopped);
         continue;
       }
@@ -110,7 +113,8 @@ std::string restorePools(const PoolChanges& changes, const PoolStates& after,
     // file in it stay (that would be pool-delete).
     const CommandResult undefined = runCommand({"virsh", "pool-undefine", pool});
     if (!undefined.ok()) {
-      fail("Could not undefine storage pool '" + pool + "' that virt-install made for " + dir,
+      fail("Could not undefine storage pool '" + pool + "' that virt-install made for " +
+               dir,
            undefined);
     }
   }
@@ -119,7 +123,8 @@ std::string restorePools(const PoolChanges& changes, const PoolStates& after,
     if (!imageDirs.count(dir)) continue;
     const CommandResult stopped = runCommand({"virsh", "pool-destroy", pool});
     if (!stopped.ok()) {
-      fail("Could not stop storage pool '" + pool + "' again after virt-install started it",
+      fail("Could not stop storage pool '" + pool +
+               "' again after virt-install started it",
            stopped);
     }
   }

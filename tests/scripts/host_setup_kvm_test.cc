@@ -27,20 +27,24 @@ TEST(HostSetupKvm, TellsTheKindOfHostApartWithinTheBound) {
   const Case cases[] = {
       {"no device", false, "", "absent", "no DEV" + tcg},
       {"a guest that runs to its end", true,
-       "echo 'SeaBIOS (version 1.16.2-debian-1.16.2-1)'\necho 'No bootable device.'", "works",
-       "DEV works\n"},
+       "echo 'SeaBIOS (version 1.16.2-debian-1.16.2-1)'\necho 'No bootable device.'",
+       "works", "DEV works\n"},
       {"a device qemu cannot use", true,
-       "echo 'qemu-system-x86_64: -accel kvm: failed to initialize kvm: Permission denied' "
+       "echo 'qemu-system-x86_64: -accel kvm: failed to initialize kvm: Permission "
+       "denied' "
        ">&2\nexit 1",
        "no-guest",
-       "DEV present but runs no guest (qemu failed: qemu-system-x86_64: -accel kvm: failed "
-       "to initialize kvm: Permission denied)" + tcg},
+       "DEV present but runs no guest (qemu failed: qemu-system-x86_64: -accel kvm: "
+       "failed "
+       "to initialize kvm: Permission denied)" +
+           tcg},
       {"a guest that never gets past its first lines", true,
        "trap '' TERM\necho $$ > \"$FAKE_PID\"\necho 'SeaBIOS (version'\nexec sleep 600",
        "no-guest",
        "DEV present but runs no guest (a test guest did not finish within 2 s)" + tcg},
       {"a guest that ends without a word", true, "exit 0", "no-guest",
-       "DEV present but runs no guest (a test guest ended without its firmware's output)" +
+       "DEV present but runs no guest (a test guest ended without its firmware's "
+       "output)" +
            tcg},
   };
   for (const Case& c : cases) {
@@ -56,8 +60,8 @@ TEST(HostSetupKvm, TellsTheKindOfHostApartWithinTheBound) {
     setenv("FAKE_PID", dir.file("qemu.pid").c_str(), 1);
 
     const auto start = std::chrono::steady_clock::now();
-    CommandResult r =
-        runCommand({"bash", std::string(ORVANE_SOURCE_DIR) + "/scripts/host-setup", "--kvm-only"});
+    CommandResult r = runCommand(
+        {"bash", std::string(ORVANE_SOURCE_DIR) + "/scripts/host-setup", "--kvm-only"});
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
@@ -76,7 +80,8 @@ TEST(HostSetupKvm, TellsTheKindOfHostApartWithinTheBound) {
     // Killed is enough: a zombie handed to init may wait a moment for its reaping.
     const std::string pid = readFile(dir.file("qemu.pid"));
     if (!pid.empty()) {
-      const std::string stat = readFile("/proc/" + pid.substr(0, pid.size() - 1) + "/stat");
+      const std::string stat =
+          readFile("/proc/" + pid.substr(0, pid.size() - 1) + "/stat");
       const std::size_t state = stat.rfind(") ");
       EXPECT_TRUE(stat.empty() || (state != std::string::npos && stat[state + 2] == 'Z'))
           << "the hanging qemu outlived the test boot: " << stat;

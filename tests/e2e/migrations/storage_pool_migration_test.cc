@@ -22,7 +22,8 @@ namespace fs = std::filesystem;
 /// line each. Other tests on this libvirtd may add pools of their own elsewhere.
 std::string poolsUnder(const std::string& root) {
   std::string found;
-  std::istringstream names(runCommand({"virsh", "pool-list", "--all", "--name"}).stdoutText);
+  std::istringstream names(
+      runCommand({"virsh", "pool-list", "--all", "--name"}).stdoutText);
   static const std::regex kPath(R"(<path>\s*([^<]*?)\s*</path>)");
   for (std::string name; std::getline(names, name);) {
     if (name.empty()) continue;
@@ -37,7 +38,8 @@ std::string poolsUnder(const std::string& root) {
 
 /// Removes the pools a failing test left under `root`, so that a rerun starts clean.
 void removePoolsUnder(const std::string& root) {
-  std::istringstream names(runCommand({"virsh", "pool-list", "--all", "--name"}).stdoutText);
+  std::istringstream names(
+      runCommand({"virsh", "pool-list", "--all", "--name"}).stdoutText);
   for (std::string name; std::getline(names, name);) {
     if (name.empty()) continue;
     const std::string xml = runCommand({"virsh", "pool-dumpxml", name}).stdoutText;
@@ -135,7 +137,8 @@ void runInParallel(const std::string& dir, int count,
     spec.nicMacs = {};
     spec.disks = {VmwareDiskSpec{"scsi0:0", "", 8ULL << 20, "monolithicFlat"}};
     sources.push_back(std::make_unique<VmwareFolder>(spec));
-    fillWithData(flatExtentOf(sources.back()->diskPaths()[0]), static_cast<char>('a' + i));
+    fillWithData(flatExtentOf(sources.back()->diskPaths()[0]),
+                 static_cast<char>('a' + i));
     vms.push_back(vmNameFor("host-par" + std::to_string(i)));
     script += "\"$0\" -p '" + sources.back()->path() + "' -n '" + vms.back() + "' " +
               (dir.empty() ? "" : "-o '" + dir + "' ") + "--yes > /dev/null 2>&1 & p" +
@@ -148,7 +151,8 @@ void runInParallel(const std::string& dir, int count,
   std::istringstream exits(r.stdoutText);
   int index = 0, code = 0, succeeded = 0;
   while (exits >> index >> code) {
-    EXPECT_EQ(0, code) << "run " << index << " (" << vms[static_cast<std::size_t>(index)] << ")";
+    EXPECT_EQ(0, code) << "run " << index << " (" << vms[static_cast<std::size_t>(index)]
+                       << ")";
     succeeded += code == 0;
   }
   EXPECT_EQ(count, succeeded) << r.stdoutText << r.stderrText;
@@ -158,22 +162,25 @@ void runInParallel(const std::string& dir, int count,
     EXPECT_TRUE(domainDefined(vm)) << vm;
     const std::string image = imageDir + "/" + vm + ".qcow2";
     if (fs::exists(image)) images.push_back(image);
-    CommandResult same = runCommand(
-        {"qemu-img", "compare", "-q", sources[static_cast<std::size_t>(i)]->diskPaths()[0], image});
+    CommandResult same =
+        runCommand({"qemu-img", "compare", "-q",
+                    sources[static_cast<std::size_t>(i)]->diskPaths()[0], image});
     EXPECT_EQ(0, same.exitCode) << image << ": " << same.stdoutText << same.stderrText;
   }
 }
 
 TEST_F(StoragePoolsOnHost, EightRunsAtOnceIntoOneNewDirectoryAllSucceed) {
   std::vector<std::string> images;
-  runInParallel(out_, 8, [this](const std::string& w) { return vmName(w); }, images);
+  runInParallel(
+      out_, 8, [this](const std::string& w) { return vmName(w); }, images);
   EXPECT_EQ(8u, images.size());
   EXPECT_EQ("", poolsUnder(root_.path()));
 }
 
 TEST_F(StoragePoolsOnHost, RunsAtOnceIntoTheDefaultPoolAllSucceed) {
   std::vector<std::string> images;
-  runInParallel("", 4, [this](const std::string& w) { return vmName(w); }, images);
+  runInParallel(
+      "", 4, [this](const std::string& w) { return vmName(w); }, images);
   for (const std::string& image : images) {
     std::error_code ec;
     fs::remove(image, ec);
