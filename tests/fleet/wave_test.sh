@@ -211,7 +211,7 @@ failed_hosts() {
 # 0. The install phase alone, by its tag: --check installs nothing, and the program
 #    must be there to dry-run.
 if [ -n "${ORVANE_DEB:-}" ]; then
-  wave install --tags install
+  wave install --tags install "${install_args[@]}"
   check "the install phase installs the package (exit $rc)" \
     bash -c "[ $rc -eq 0 ] && command -v orvane-v2v-report >/dev/null"
 fi
