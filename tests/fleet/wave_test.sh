@@ -43,7 +43,7 @@ cleanup() {
   [ -f "$work/sshd.pid" ] && kill "$(cat "$work/sshd.pid")"
   for n in "${names[@]}"; do virsh undefine "$n" >/dev/null 2>&1; done
   if [ -n "$installed_by_test" ]; then
-    DEBIAN_FRONTEND=noninteractive apt-get remove -y -qq orvane-v2v >/dev/null
+    DEBIAN_FRONTEND=noninteractive apt-get purge -y -qq orvane-v2v >/dev/null
   fi
   if [ -n "${FLEET_KEEP:-}" ]; then echo "kept $work"; else rm -rf "$work"; fi
 }
@@ -207,6 +207,14 @@ failed_hosts() {
     awk '$2 == ":" && ($0 ~ /failed=[1-9]/ || $0 ~ /unreachable=[1-9]/) { print $1 }' |
     sort | xargs
 }
+
+# 0. The install phase alone, by its tag: --check installs nothing, and the program
+#    must be there to dry-run.
+if [ -n "${ORVANE_DEB:-}" ]; then
+  wave install --tags install "${install_args[@]}"
+  check "the install phase installs the package (exit $rc)" \
+    bash -c "[ $rc -eq 0 ] && command -v orvane-v2v-report >/dev/null"
+fi
 
 # 1. --check: every VM is dry-run, nothing else happens.
 wave check --check -e orvane_v2v_skip_blocked=true "${install_args[@]}"
