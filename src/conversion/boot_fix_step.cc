@@ -1,6 +1,7 @@
 #include "boot_fixer/boot_fixer.h"
 #include "conversion/conversion.h"
 #include "conversion/errors.h"
+#include "conversion/step_helpers.h"
 #include "progress/spinner.h"
 
 namespace orvane {
@@ -15,8 +16,18 @@ void Conversion::bootFix() {
   log_.info("Step 4/" + total + ": Applying UEFI boot fix (libguestfs)...");
   Spinner spinner("  applying boot fix", 1);
   BootFixResult result = bootFixer_->ensureEfiFallback(createdQcows_, &spinner);
+  // A fixer stopped by a termination signal has not failed: the run is interrupted.
+  checkSignal();
   switch (result.outcome) {
     case BootFixOutcome::kApplied:
+      // The fixer wrote into the images through its own appliance; those writes
+      // must be on stable storage before a VM is defined over them.
+      for (const std::string& image : createdQcows_) {
+        const std::string failure = flushToDisk(image);
+        if (failure.empty()) continue;
+        log_.error("Could not make " + image + " durable: " + failure);
+        throw V2vError("image flush failed", "boot_fix", true);
+      }
       efiFixNote_ = result.note;
       if (!efiFixNote_.empty()) log_.info("  UEFI: " + efiFixNote_);
       stepBootfixOk_ = true;

@@ -1,3 +1,7 @@
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <iostream>
 #include <string>
 
@@ -55,6 +59,29 @@ int Conversion::dryRunSummary() {
   return kExitFailure;
 }
 
+namespace {
+
+// Returns once standard input has something to read (or its end, or an error), or a
+// termination signal is pending. poll is never restarted after a handler runs, and
+// its timeout covers a signal that lands between the test and the call, so a
+// Ctrl-C at the prompt is seen within a fraction of a second.
+// std::cin's buffer as the program started: <iostream> above has constructed it.
+std::streambuf* const kStandardInput = std::cin.rdbuf();
+
+void waitForAnswer() {
+  // Text handed in through another buffer (by a test, say) is read as it is; only
+  // the process's own standard input can keep us waiting.
+  if (std::cin.rdbuf() != kStandardInput || std::cin.rdbuf()->in_avail() > 0) return;
+  constexpr int kCheckEveryMs = 200;
+  while (gPendingSignal == 0) {
+    pollfd input{STDIN_FILENO, POLLIN, 0};
+    const int ready = ::poll(&input, 1, kCheckEveryMs);
+    if (ready > 0 || (ready == -1 && errno != EINTR)) return;
+  }
+}
+
+}  // namespace
+
 void Conversion::confirmOrAbort() {
   if (options_.assumeYes) return;
   log_.emit("");
@@ -68,9 +95,15 @@ void Conversion::confirmOrAbort() {
   log_.emit("  - Define the VM in Orvane (you can then start it)");
   log_.emit("");
   std::cout << "Proceed? (yes/no): " << std::flush;
+  waitForAnswer();
   std::string answer;
-  // End of input or an unreadable stdin leaves the answer empty: a refusal.
+  // End of input or an unreadable stdin leaves the answer empty: a refusal. A
+  // signal makes the read fail (the handler does not restart it): an interruption.
   if (!std::getline(std::cin, answer)) answer.clear();
+  if (gPendingSignal != 0) {
+    std::cout << std::endl;  // the next line must not start after the question
+    checkSignal();
+  }
   log_.info("User confirmation response: " + answer);
   if (answer == "yes") return;
   log_.info("Aborted by user.");
