@@ -23,10 +23,11 @@ TEST_F(DurabilityOnHost, EveryImageAndItsDirectoryAreFlushedBeforeTheVmIsDefined
   TempDir traceDir("orvane-e2e-safety-trace");
   const std::string trace = traceDir.file("trace");
   const std::string vm = vmName("safety-flush");
-  // -y names each descriptor's file, so an fsync line says what it flushed.
+  // -y names each descriptor's file, so an fsync line says what it flushed; -s keeps
+  // whole arguments in the exec lines.
   const CommandResult r =
-      runCommand({"strace", "-f", "-y", "-qq", "-e", "trace=execve,fsync,fdatasync", "-o",
-                  trace, ORVANE_BINARY, "-p", source->path(), "-o", out.path(), "-n", vm,
+      runCommand({"strace", "-f", "-y", "-qq", "-s", "4096", "-e",
+                  "trace=execve,fsync,fdatasync", "-o", trace, ORVANE_BINARY, "-p", source->path(), "-o", out.path(), "-n", vm,
                   "--yes"});
   ASSERT_EQ(0, r.exitCode) << r.stdoutText << r.stderrText;
 
