@@ -39,6 +39,14 @@ bool converting(pid_t program) {
   return false;
 }
 
+// virt-install makes a libvirt pool of each directory it is given a disk in; the
+// drill's directories go, so their pools go too.
+void removePoolOf(const std::string& dir) {
+  const std::string pool = std::filesystem::path(dir).filename().string();
+  runCommand({"virsh", "pool-destroy", pool});
+  runCommand({"virsh", "pool-undefine", pool});
+}
+
 class ConcurrentRunsOnHost : public HostRunTest {};
 
 TEST_F(ConcurrentRunsOnHost, SameVmIntoOneDirectoryDefinesExactlyOne) {
@@ -75,6 +83,7 @@ TEST_F(ConcurrentRunsOnHost, SameVmIntoOneDirectoryDefinesExactlyOne) {
         runCommand({"qemu-img", "compare", "-q", "-f", "vmdk", "-F", "qcow2", disk, image})
             .ok());
     undefineIfDefined(vm);
+    removePoolOf(out.path());
   }
 }
 
@@ -92,6 +101,9 @@ TEST_F(ConcurrentRunsOnHost, DifferentVmsIntoOneDirectoryBothSucceed) {
   EXPECT_TRUE(domainDefined(vm2));
   EXPECT_EQ((std::vector<std::string>{vm1 + ".qcow2", vm2 + ".qcow2"}),
             fileNamesIn(out.path()));
+  undefineIfDefined(vm1);
+  undefineIfDefined(vm2);
+  removePoolOf(out.path());
 }
 
 }  // namespace

@@ -14,6 +14,14 @@
 namespace orvane::testing {
 namespace {
 
+// virt-install makes a libvirt pool of each directory it is given a disk in; the
+// drill's directories go, so their pools go too.
+void removePoolOf(const std::string& dir) {
+  const std::string pool = std::filesystem::path(dir).filename().string();
+  runCommand({"virsh", "pool-destroy", pool});
+  runCommand({"virsh", "pool-undefine", pool});
+}
+
 class DurabilityOnHost : public HostRunTest {};
 
 TEST_F(DurabilityOnHost, EveryImageAndItsDirectoryAreFlushedBeforeTheVmIsDefined) {
@@ -61,6 +69,8 @@ TEST_F(DurabilityOnHost, EveryImageAndItsDirectoryAreFlushedBeforeTheVmIsDefined
     EXPECT_NE(define, dirFlushed) << "the directory entry of " << name;
   }
   EXPECT_TRUE(domainDefined(vm));
+  undefineIfDefined(vm);
+  removePoolOf(out.path());
 }
 
 }  // namespace
