@@ -1,6 +1,7 @@
 #include "boot_fixer/boot_fixer.h"
 #include "conversion/conversion.h"
 #include "conversion/errors.h"
+#include "conversion/step_helpers.h"
 #include "progress/spinner.h"
 
 namespace orvane {
@@ -20,6 +21,14 @@ void Conversion::bootFix() {
   checkSignal();
   switch (result.outcome) {
     case BootFixOutcome::kApplied:
+      // The fixer wrote into the images through its own appliance; those writes
+      // must be on stable storage before a VM is defined over them.
+      for (const std::string& image : createdQcows_) {
+        const std::string failure = flushToDisk(image);
+        if (failure.empty()) continue;
+        log_.error("Could not make " + image + " durable: " + failure);
+        throw V2vError("image flush failed", "boot_fix", true);
+      }
       efiFixNote_ = result.note;
       if (!efiFixNote_.empty()) log_.info("  UEFI: " + efiFixNote_);
       stepBootfixOk_ = true;

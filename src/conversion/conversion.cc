@@ -26,7 +26,7 @@ Conversion::Conversion(Options options)
     : Conversion(std::move(options), std::make_unique<VirshLibvirtBackend>(),
                  std::make_unique<VirtInstallDomainXmlBuilder>(),
                  std::make_unique<GuestfishBootFixer>(),
-                 std::make_unique<QemuImgDiskConverter>()) {}
+                 std::make_unique<QemuImgDiskConverter>(&gPendingSignal)) {}
 
 Conversion::Conversion(Options options, std::unique_ptr<LibvirtBackend> libvirt,
                        std::unique_ptr<DomainXmlBuilder> xmlBuilder,
@@ -47,9 +47,15 @@ Conversion::~Conversion() = default;
 RunRecorder::~RunRecorder() { conv_.writeApplicationSummary(exitCode_); }
 
 void Conversion::installSignalHandlers() {
-  std::signal(SIGHUP, handleSignal);
-  std::signal(SIGINT, handleSignal);
-  std::signal(SIGTERM, handleSignal);
+  // Without SA_RESTART a blocking call in progress (the read of the answer at the
+  // prompt, above all) returns EINTR, so the main flow sees the signal at once.
+  struct sigaction action {};
+  action.sa_handler = handleSignal;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = 0;
+  sigaction(SIGHUP, &action, nullptr);
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
 }
 
 void Conversion::checkSignal() {
@@ -75,6 +81,7 @@ int Conversion::run() {
       code = dryRunSummary();
     } else {
       confirmOrAbort();
+      claimTargets();
       convertDisks();
       checkSignal();
       bootFix();
@@ -86,7 +93,10 @@ int Conversion::run() {
       code = kExitSuccess;
     }
   } catch (const V2vInterrupted& e) {
-    // Deliberately no rollback: what was made stays, and the record says why.
+    // No rollback of finished work: what was made stays, one line says what and
+    // where, and the record says why. Only empty or half-written targets go.
+    removeClaimedTargets(false);
+    reportLeftAfterInterrupt();
     code = 128 + e.signo();
   } catch (const BootNotGuaranteedError& e) {
     if (!e.alreadyReported()) log_.error(e.what());
@@ -123,8 +133,37 @@ int Conversion::finish(int code) {
       rolledBack = true;
     }
   }
+  if (removeClaimedTargets(true)) rolledBack = true;
   if (rolledBack) log_.info("Partial conversion rolled back; no Orvane VM left behind.");
   return code;
+}
+
+bool Conversion::removeClaimedTargets(bool loud) {
+  const std::string prefix = outputDir_ + "/";
+  bool removed = false;
+  for (const std::string& path : claimedQcows_) {
+    if (outputDir_.empty() || path.compare(0, prefix.size(), prefix) != 0) continue;
+    if (loud) log_.warn("Rolling back: deleting " + path);
+    std::error_code ec;
+    removed = std::filesystem::remove(path, ec) || removed;
+  }
+  claimedQcows_.clear();
+  return removed;
+}
+
+void Conversion::reportLeftAfterInterrupt() {
+  if (createdQcows_.empty() && !vmDefined_) return;
+  std::string names;
+  for (const std::string& path : createdQcows_) {
+    names += (names.empty() ? "" : ", ") + std::filesystem::path(path).filename().string();
+  }
+  if (vmDefined_) {
+    log_.warn("Interrupted: VM '" + vmName_ + "' is defined, with its image(s) " + names +
+              " in " + outputDir_ + "; check it, or undefine it and remove them.");
+  } else {
+    log_.warn("Interrupted: kept the finished image(s) " + names + " in " + outputDir_ +
+              " (no VM defined); convert the rest by hand, or remove them before a re-run.");
+  }
 }
 
 void Conversion::noteBlocker(const std::string& message, int code) {

@@ -58,6 +58,9 @@ class Conversion {
   void checkFreeSpace();
   int dryRunSummary();
   void confirmOrAbort();
+  /// Creates every target exclusively, then checks the VM name again: what another
+  /// run made since the preflight checks stops this one before anything is written.
+  void claimTargets();
   void convertDisks();
   void bootFix();
   void defineVm();
@@ -67,6 +70,11 @@ class Conversion {
 
  private:
   void runPreflightChecks();
+  /// Removes the claimed targets that hold no finished image; `loud` logs each one.
+  /// True when one was removed.
+  bool removeClaimedTargets(bool loud);
+  /// The one line that tells an interrupted run's user what it left, and where.
+  void reportLeftAfterInterrupt();
   void loadDomainMacs();
 
   Options options_;
@@ -103,6 +111,8 @@ class Conversion {
   std::vector<std::string> targetQcows_;
   std::vector<std::string> targetDevs_;
   std::vector<std::string> createdQcows_;
+  /// Targets this run created empty and has not finished: rolled back on any failure.
+  std::vector<std::string> claimedQcows_;
   std::vector<std::string> dryIssues_;
   bool vmDefined_ = false;
   std::string efiFixNote_;

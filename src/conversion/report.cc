@@ -1,3 +1,7 @@
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <iostream>
 #include <string>
 
@@ -75,6 +79,30 @@ int Conversion::dryRunSummary() {
   return kExitFailure;
 }
 
+namespace {
+
+// std::cin's buffer as the program started: <iostream> above has constructed it.
+std::streambuf* const kStandardInput = std::cin.rdbuf();
+
+// Waits until standard input has something to read (or its end, or an error), or a
+// termination signal is pending (then false). poll is never restarted after a
+// handler runs, and its timeout covers a signal that lands between the test and the
+// call, so a Ctrl-C at the prompt is seen within a fraction of a second.
+bool waitForAnswer() {
+  // Text handed in through another buffer (by a test, say) is read as it is; only
+  // the process's own standard input can keep us waiting.
+  if (std::cin.rdbuf() != kStandardInput || std::cin.rdbuf()->in_avail() > 0) return true;
+  constexpr int kCheckEveryMs = 200;
+  while (gPendingSignal == 0) {
+    pollfd input{STDIN_FILENO, POLLIN, 0};
+    const int ready = ::poll(&input, 1, kCheckEveryMs);
+    if (ready > 0 || (ready == -1 && errno != EINTR)) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
 void Conversion::confirmOrAbort() {
   if (options_.assumeYes) return;
   log_.emit("");
@@ -89,8 +117,13 @@ void Conversion::confirmOrAbort() {
   log_.emit("");
   std::cout << "Proceed? (yes/no): " << std::flush;
   std::string answer;
-  // End of input or an unreadable stdin leaves the answer empty: a refusal.
-  if (!std::getline(std::cin, answer)) answer.clear();
+  // End of input or an unreadable stdin leaves the answer empty: a refusal. A
+  // signal makes the read fail (the handler does not restart it): an interruption.
+  if (waitForAnswer() && !std::getline(std::cin, answer)) answer.clear();
+  if (gPendingSignal != 0) {
+    std::cout << std::endl;  // the next line must not start after the question
+    checkSignal();
+  }
   log_.info("User confirmation response: " + answer);
   if (answer == "yes") return;
   log_.info("Aborted by user.");

@@ -9,6 +9,7 @@ CommandResult QemuImgDiskConverter::convert(const std::string& source,
   CommandOptions options;
   options.progress = progress;
   options.tickIntervalMs = 100;
+  options.stopFlag = stopFlag_;
   return runCommand(
       {"qemu-img", "convert", "-p", "-f", "vmdk", "-O", "qcow2", source, target},
       options);

@@ -112,6 +112,38 @@ void drain(int& fd, std::string& text, ProgressObserver* progress) {
   closeFd(fd);
 }
 
+using Clock = std::chrono::steady_clock;
+
+// Asks the child to stop once the caller's flag is set: SIGTERM first, so that it can
+// tidy up, then SIGKILL if it is still there after the grace period. The child is
+// signalled only while it has not been reaped, so a recycled pid is never hit.
+class StopRequest {
+ public:
+  StopRequest(pid_t pid, const volatile std::sig_atomic_t* flag) : pid_(pid), flag_(flag) {}
+
+  /// Acts on the flag; true once the child has been asked to stop.
+  bool update() {
+    if (!asked_ && (flag_ == nullptr || *flag_ == 0)) return false;
+    const Clock::time_point now = Clock::now();
+    if (!asked_) {
+      ::kill(pid_, SIGTERM);
+      asked_ = true;
+      askedAt_ = now;
+    } else if (!killed_ && now - askedAt_ >= std::chrono::milliseconds(kStopGraceMs)) {
+      ::kill(pid_, SIGKILL);
+      killed_ = true;
+    }
+    return true;
+  }
+
+ private:
+  pid_t pid_;
+  const volatile std::sig_atomic_t* flag_;
+  bool asked_ = false;
+  bool killed_ = false;
+  Clock::time_point askedAt_;
+};
+
 int mapStatus(int status) {
   if (WIFEXITED(status)) return WEXITSTATUS(status);
   if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
@@ -163,8 +195,12 @@ CommandResult runCommand(const std::vector<std::string>& argv,
   if (input.empty()) closeFd(inFd);
 
   ProgressObserver* const progress = options.progress;
-  const int timeoutMs = progress != nullptr ? options.tickIntervalMs : -1;
-  using Clock = std::chrono::steady_clock;
+  // A stop flag is only read when poll wakes, so it needs the tick as a timeout too.
+  const int timeoutMs =
+      progress != nullptr || options.stopFlag != nullptr ? options.tickIntervalMs : -1;
+  StopRequest stop(pid, options.stopFlag);
+  int status = 0;
+  bool reaped = false;
   Clock::time_point lastTick = Clock::now();
   std::size_t written = 0;
 
@@ -187,12 +223,12 @@ CommandResult runCommand(const std::vector<std::string>& argv,
       set[used++] = pollfd{errFd, POLLIN, 0};
     }
 
+    // EINTR: a signal handler ran (the conversion's only records the signal); the
+    // descriptors are not looked at, but the stop flag below is. Reads and writes
+    // treat EINTR like EAGAIN; waitpid is retried in place; close is never retried.
     if (::poll(set.data(), used, timeoutMs) == -1) {
-      // A signal handler ran (the conversion's only records the signal): poll again.
-      // Reads and writes below treat EINTR like EAGAIN and are retried on the next
-      // wake-up; waitpid is retried in place; close is never retried.
-      if (errno == EINTR) continue;
-      break;
+      if (errno != EINTR) break;
+      for (pollfd& entry : set) entry.revents = 0;
     }
 
     if (inSlot >= 0 && (set[inSlot].revents & kReadyToWrite) != 0) {
@@ -221,17 +257,34 @@ CommandResult runCommand(const std::vector<std::string>& argv,
         lastTick = now;
       }
     }
+
+    // Once asked to stop, the child's end is what counts, not the end of its pipes:
+    // a grandchild may hold them open for as long as it likes.
+    if (stop.update() && ::waitpid(pid, &status, WNOHANG) == pid) {
+      reaped = true;
+      break;
+    }
   }
 
   closeFd(inFd);
   closeFd(outFd);
   closeFd(errFd);
 
-  int status = 0;
-  pid_t waited;
-  do {
-    waited = ::waitpid(pid, &status, 0);
-  } while (waited == -1 && errno == EINTR);
+  pid_t waited = reaped ? pid : -1;
+  if (!reaped && options.stopFlag == nullptr) {
+    do {
+      waited = ::waitpid(pid, &status, 0);
+    } while (waited == -1 && errno == EINTR);
+  } else if (!reaped) {
+    // A child that closed its pipes may still run; with a stop flag the wait must
+    // stay able to act on it, so it is a short-interval poll instead of a block.
+    constexpr int kReapPollMs = 10;
+    while ((waited = ::waitpid(pid, &status, WNOHANG)) == 0 ||
+           (waited == -1 && errno == EINTR)) {
+      stop.update();
+      ::poll(nullptr, 0, kReapPollMs);
+    }
+  }
 
   if (progress != nullptr) progress->onFinish();
   if (waited == pid) result.exitCode = mapStatus(status);

@@ -1,6 +1,10 @@
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
+#include <functional>
+#include <memory>
 
+#include "conversion/conversion.h"
 #include "conversion/conversion_fixture.h"
 
 namespace orvane::testing {
@@ -8,6 +12,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
+std::vector<std::string> fileNamesIn(const std::string& dir) {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(dir)) {
+    names.push_back(entry.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
 
 class StepsTest : public ConversionTest {
  protected:
@@ -29,28 +41,55 @@ class StepsTest : public ConversionTest {
   }
 };
 
-TEST_F(StepsTest, SecondDiskFailingRollsBackOnlyTheFirst) {
+TEST_F(StepsTest, FailingDiskRollsBackEveryTargetTheRunClaimed) {
   useThreeDisks("bios");
   converter_->failAtCall = 1;
+  // What qemu-img leaves when the output file system fills up: a partial image.
+  converter_->during = [&](int call) {
+    if (call == 1) writeFile(image('b'), "half an image");
+  };
   converter_->failure = CommandResult{1, "", "qemu-img: Could not open 'disk1.vmdk'\n"};
+  writeFile(output_.file("other.qcow2"), "not ours");
   EXPECT_EQ(1, run(options()));
   EXPECT_EQ(2u, converter_->calls.size());
   EXPECT_TRUE(hasLine(errLines(), "ERROR: qemu-img conversion failed for " +
                                        source_.file("disk1.vmdk") +
                                        ": qemu-img: Could not open 'disk1.vmdk'"));
-  EXPECT_TRUE(hasLine(errLines(), "WARN:  Rolling back: deleting " + image('a')));
-  EXPECT_FALSE(fs::exists(image('a')));
-  EXPECT_EQ(std::string::npos, err_.find("Rolling back: deleting " + image('b')));
+  // The run claimed all three paths before writing, so all three are its own: the
+  // half-written one too, and the one it never reached. Nothing else is touched.
+  for (char disk : {'a', 'b', 'c'}) {
+    EXPECT_TRUE(hasLine(errLines(), "WARN:  Rolling back: deleting " + image(disk))) << disk;
+  }
+  EXPECT_EQ((std::vector<std::string>{"other.qcow2"}), fileNamesIn(output_.path()));
   EXPECT_EQ(std::string::npos, err_.find("ERROR: qemu-img conversion failed\n"));
   EXPECT_NE(std::string::npos, lastRecord().find(" result=failure stage=disk_convert "));
 }
 
-TEST_F(StepsTest, ConversionFailureFallsBackToStdout) {
-  converter_->failAtCall = 0;
-  converter_->failure = CommandResult{127, "", ""};
-  EXPECT_EQ(1, run(options()));
-  EXPECT_TRUE(hasLine(errLines(),
-                       "ERROR: qemu-img conversion failed for " + source_.file("web01.vmdk") + ": "));
+TEST_F(StepsTest, ConversionFailureQuotesTheToolsMessageWithoutItsProgress) {
+  struct Case {
+    CommandResult failure;
+    std::string detail;
+  };
+  const Case cases[] = {
+      {{127, "", ""}, ""},
+      {{1, "qemu-img: out of luck\n", ""}, "qemu-img: out of luck"},
+      // A converter killed at 1%: its progress is no message at all.
+      {{1, "    (0.00/100%)\r    (1.00/100%)\r", ""}, ""},
+      {{1, "    (0.00/100%)\r    (1.00/100%)\r",
+        "qemu-img: error while writing at byte 0: No space left on device\n"},
+       "qemu-img: error while writing at byte 0: No space left on device"},
+      {{1, "    (0.00/100%)\rqemu-img: lost\n    (1.00/100%)\r", ""}, "qemu-img: lost"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.detail);
+    resetFakes();
+    converter_->failAtCall = 0;
+    converter_->failure = c.failure;
+    EXPECT_EQ(1, run(options()));
+    EXPECT_TRUE(hasLine(errLines(), "ERROR: qemu-img conversion failed for " +
+                                        source_.file("web01.vmdk") + ": " + c.detail))
+        << err_;
+  }
 }
 
 TEST_F(StepsTest, UefiOutcomesDecideTheExitCode) {
@@ -161,6 +200,116 @@ TEST_F(StepsTest, DefaultPoolIsRefreshedAndAFailedRefreshOnlyWarns) {
   EXPECT_TRUE(hasLine(libvirt_->calls, "refreshPool default"));
   EXPECT_TRUE(hasLine(errLines(),
                        "WARN:  Could not refresh the 'default' pool (images are still in place)."));
+}
+
+// A signal that arrives while a disk converts: the converter is stopped (it ends
+// like a killed qemu-img, with nothing but progress on its output) or finishes
+// anyway. Either way the run is interrupted, not failed.
+TEST_F(StepsTest, SignalDuringAConversionInterruptsTheRunAndKeepsOnlyFinishedImages) {
+  struct Case {
+    int signalAtCall;
+    bool converterStopped;
+    std::vector<std::string> left;
+  };
+  const CommandResult stopped{143, "    (0.00/100%)\r    (7.00/100%)\r", ""};
+  const Case cases[] = {
+      {0, true, {}},
+      {1, true, {"web01-sda.qcow2"}},
+      {1, false, {"web01-sda.qcow2", "web01-sdb.qcow2"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::to_string(c.signalAtCall) + (c.converterStopped ? " stopped" : ""));
+    resetFakes();
+    gPendingSignal = 0;
+    for (const auto& entry : fs::directory_iterator(output_.path())) fs::remove(entry.path());
+    useThreeDisks("bios");
+    converter_->during = [&](int call) {
+      if (call == c.signalAtCall) gPendingSignal = SIGTERM;
+    };
+    if (c.converterStopped) {
+      converter_->failAtCall = c.signalAtCall;
+      converter_->failure = stopped;
+    }
+    EXPECT_EQ(143, run(options()));
+    EXPECT_EQ(static_cast<std::size_t>(c.signalAtCall + 1), converter_->calls.size());
+    EXPECT_EQ(c.left, fileNamesIn(output_.path()));
+    // No failure and no rollback is reported; one line says what was kept, where.
+    std::vector<std::string> warnings;
+    for (const std::string& line : errLines()) {
+      EXPECT_NE(0u, line.find("ERROR:")) << line;
+      if (line.starts_with("WARN:")) warnings.push_back(line);
+    }
+    if (c.left.empty()) {
+      EXPECT_TRUE(warnings.empty());
+    } else {
+      std::string names = c.left[0] + (c.left.size() > 1 ? ", " + c.left[1] : "");
+      EXPECT_EQ(std::vector<std::string>{"WARN:  Interrupted: kept the finished image(s) " +
+                                         names + " in " + output_.path() +
+                                         " (no VM defined); convert the rest by hand, or "
+                                         "remove them before a re-run."},
+                warnings);
+    }
+    EXPECT_TRUE(fixer_->calls.empty());
+    EXPECT_TRUE(libvirt_->definedXml.empty());
+    EXPECT_NE(std::string::npos, lastRecord().find(" result=interrupted ")) << lastRecord();
+  }
+}
+
+// What another run (or anyone) makes after this run's checks and before it writes:
+// a file at a target path, or a VM of the same name. This run must stop, touch
+// neither, and remove only what it created itself.
+class RacingLibvirt : public FakeLibvirtBackend {
+ public:
+  std::function<void()> afterChecks;
+  // The MAC check is the last question asked before the prompt.
+  std::vector<std::string> listDomains() override {
+    if (afterChecks) afterChecks();
+    return FakeLibvirtBackend::listDomains();
+  }
+};
+
+TEST_F(StepsTest, PathOrNameTakenAfterTheChecksStopsTheRunBeforeItWrites) {
+  struct Case {
+    bool takePath;
+    std::string error;
+    std::vector<std::string> left;
+  };
+  const Case cases[] = {
+      {true,
+       "ERROR: Target image already exists (it will not be overwritten): " +
+           output_.file("web01-sdb.qcow2"),
+       {"web01-sdb.qcow2"}},
+      {false, "ERROR: A VM named 'web01' already exists in Orvane.", {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.error);
+    resetFakes();
+    for (const auto& entry : fs::directory_iterator(output_.path())) fs::remove(entry.path());
+    auto racing = std::make_unique<RacingLibvirt>();
+    racing->poolPath = output_.path();
+    RacingLibvirt* raced = racing.get();
+    racing->afterChecks = [&] {
+      if (c.takePath) {
+        writeFile(output_.file("web01-sdb.qcow2"), "another run's image");
+      } else {
+        raced->domains["web01"] = "<domain/>";
+      }
+    };
+    libvirtOwner_ = std::move(racing);
+    libvirt_ = raced;
+    useThreeDisks("bios");
+    Options o = options();
+    o.assumeYes = false;
+    EXPECT_EQ(1, run(o, "yes\n"));
+    EXPECT_TRUE(hasLine(errLines(), c.error)) << err_;
+    EXPECT_TRUE(converter_->calls.empty());
+    EXPECT_EQ(c.left, fileNamesIn(output_.path()));
+    if (c.takePath) {
+      EXPECT_EQ("another run's image", readFile(output_.file("web01-sdb.qcow2")));
+    }
+    EXPECT_TRUE(libvirt_->undefined.empty());
+    EXPECT_NE(std::string::npos, lastRecord().find(" result=failure ")) << lastRecord();
+  }
 }
 
 }  // namespace

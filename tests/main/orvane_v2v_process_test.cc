@@ -1,16 +1,19 @@
 // The built program as a process, with fake host tools first on PATH.
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <regex>
 #include <sstream>
+#include <thread>
 
 #include "cli/usage.h"
 #include "process/command_runner.h"
 #include "support/console_lines.h"
 #include "support/fake_tools.h"
 #include "support/private_log_dir.h"
+#include "support/pty_program.h"
 #include "support/temp_dir.h"
 
 namespace orvane::testing {
@@ -142,25 +145,61 @@ TEST_F(ProcessTest, ConfirmedRunConvertsDefinesAndRefreshesThePool) {
                                                  "firmware=bios hw=sata+e1000 "));
 }
 
-TEST_F(ProcessTest, SigintWhileConvertingEndsWith130AndKeepsWhatWasMade) {
-  setenv("FAKE_QEMU_SLEEP", "2", 1);
-  // The shell delivers SIGINT to the program alone, as a terminal's Ctrl-C would
-  // reach it, while the fake converter goes on to its end.
-  // It waits until the fake converter has started, so a slow machine cannot turn
-  // this into a signal before the handlers exist.
-  setenv("FAKE_STARTED", (tools_.dir() + "/qemu-img.argv.0").c_str(), 1);
-  CommandResult r = runCommand(
-      {"sh", "-c",
-       "\"$0\" \"$@\" & pid=$!; while [ ! -e \"$FAKE_STARTED\" ]; do sleep 0.05; done; "
-       "kill -INT $pid; wait $pid",
-       ORVANE_BINARY, "-p", source_.path(), "-o", output_.path(), "-y"});
-  EXPECT_EQ(130, r.exitCode) << r.stderrText;
-  EXPECT_TRUE(fs::exists(output_.file("web01.qcow2")));
-  EXPECT_EQ(std::string::npos, r.stderrText.find("Rolling back"));
-  EXPECT_TRUE(tools_.calls("virt-install").empty());
-  std::string record = lastRecord();
-  EXPECT_NE(std::string::npos, record.find(" result=interrupted "));
-  EXPECT_EQ(record.size() - 25, record.find(" reason=\"SIGINT (Ctrl-C)\"")) << record;
+// Ctrl-C typed at the terminal reaches the whole foreground group (the program
+// and its converter); a supervisor's kill reaches the program alone. Either way,
+// at the prompt or while a disk converts, the run ends at once as interrupted and
+// leaves no image behind (none was finished).
+TEST_F(ProcessTest, SignalAtThePromptOrWhileConvertingEndsTheRunAtOnce) {
+  struct Case {
+    bool atPrompt;
+    bool typed;  // Ctrl-C on the terminal, else kill() to the program alone
+    int signo;
+  };
+  const Case cases[] = {
+      {true, true, SIGINT},   {true, false, SIGTERM},
+      {false, true, SIGINT},  {false, false, SIGINT},
+  };
+  // Far longer than the test waits: only stopping the converter ends the run in time.
+  setenv("FAKE_QEMU_SLEEP", "30", 1);
+  const std::string started = tools_.dir() + "/qemu-img.argv.0";
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.atPrompt ? "prompt" : "converting") +
+                 (c.typed ? ", typed" : ", kill"));
+    fs::remove(started);
+    for (const auto& entry : fs::directory_iterator(output_.path())) fs::remove(entry.path());
+    std::vector<std::string> argv = {ORVANE_BINARY, "-p", source_.path(), "-o",
+                                     output_.path()};
+    PtyProgram program(argv);
+    ASSERT_TRUE(program.waitForOutput("Proceed? (yes/no): ", std::chrono::seconds(20)))
+        << program.output();
+    if (!c.atPrompt) {
+      program.type("yes\n");
+      for (int i = 0; i < 200 && !fs::exists(started); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      }
+      ASSERT_TRUE(fs::exists(started)) << program.output();
+    }
+    const auto signalled = std::chrono::steady_clock::now();
+    if (c.typed) {
+      program.type("\x03");
+    } else {
+      kill(program.pid(), c.signo);
+    }
+    EXPECT_EQ(128 + c.signo, program.wait(std::chrono::seconds(10))) << program.output();
+    EXPECT_LT(std::chrono::steady_clock::now() - signalled, std::chrono::seconds(4));
+    EXPECT_EQ(std::string::npos, program.output().find("ERROR")) << program.output();
+    EXPECT_EQ(std::string::npos, program.output().find("Rolling back")) << program.output();
+    EXPECT_TRUE(fs::is_empty(output_.path()));
+    if (c.atPrompt) {
+      EXPECT_TRUE(tools_.calls("qemu-img").empty());
+    }
+    EXPECT_TRUE(tools_.calls("virt-install").empty());
+    const std::string record = lastRecord();
+    EXPECT_NE(std::string::npos, record.find(" result=interrupted ")) << record;
+    EXPECT_TRUE(record.ends_with(c.signo == SIGINT ? " reason=\"SIGINT (Ctrl-C)\""
+                                                   : " reason=\"SIGTERM\""))
+        << record;
+  }
 }
 
 TEST_F(ProcessTest, RefusedDefinitionRollsBackTheImages) {

@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "progress/progress_observer.h"
@@ -218,6 +220,45 @@ TEST(RunCommand, OutputDoesNotBringTicksCloserThanTheInterval) {
   EXPECT_EQ(0, result.exitCode);
   EXPECT_FALSE(observer.ticks_.empty());
   expectSpacedAtLeast(observer.ticks_, std::chrono::milliseconds(50));
+}
+
+struct StopCase {
+  const char* what;
+  std::vector<std::string> argv;
+  int expected;
+  std::chrono::milliseconds atMost;  // from the flag being set to the return
+};
+
+// The flag is set from another thread, as a signal handler would set it while the
+// runner sits in poll with no observer to wake it.
+TEST(RunCommand, StopFlagEndsTheChildWithinItsGracePeriod) {
+  using std::chrono::milliseconds;
+  const milliseconds grace(kStopGraceMs);
+  const StopCase cases[] = {
+      {"obeys SIGTERM", {"sleep", "30"}, 143, milliseconds(1000)},
+      {"closed its pipes, still runs", {"sh", "-c", "exec >&- 2>&-; exec sleep 30"}, 143,
+       milliseconds(1000)},
+      // Killed after the grace period; the grandchild's copy of the pipes (it is
+      // gone a second later) must not keep the runner waiting.
+      {"ignores SIGTERM", {"sh", "-c", "trap '' TERM; sleep 3 & sleep 30"}, 137,
+       grace + milliseconds(1000)},
+  };
+  for (const StopCase& c : cases) {
+    volatile std::sig_atomic_t flag = 0;
+    CommandOptions options;
+    options.stopFlag = &flag;
+    Clock::time_point setAt;
+    std::thread setter([&] {
+      std::this_thread::sleep_for(milliseconds(300));
+      setAt = Clock::now();
+      flag = SIGINT;
+    });
+    const CommandResult result = runCommand(c.argv, options);
+    const Clock::time_point returned = Clock::now();
+    setter.join();
+    EXPECT_EQ(c.expected, result.exitCode) << c.what;
+    EXPECT_LT(returned - setAt, c.atMost) << c.what;
+  }
 }
 
 }  // namespace

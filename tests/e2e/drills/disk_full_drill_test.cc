@@ -1,6 +1,7 @@
 // The output directory fills up while the real qemu-img writes the second disk:
 // the run reports qemu-img's own error, removes the first disk's finished image
-// and ends with 1.
+// and the second's half-written one (it claimed both paths), and ends with 1; the
+// same run then succeeds once there is room, with nothing left to clear by hand.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 
@@ -52,16 +53,27 @@ TEST_F(DiskFullOnHost, SecondDiskDoesNotFitAndTheFirstIsRolledBack) {
                            [&](const std::string& l) { return l.starts_with(failed); });
   ASSERT_NE(errors.end(), line) << r.stderrText;
   EXPECT_NE(std::string::npos, line->find("No space left on device")) << *line;
-  EXPECT_TRUE(
-      hasLine(errors, "WARN:  Rolling back: deleting " + out_.file(vm + "-sda.qcow2")));
+  for (const char* disk : {"-sda.qcow2", "-sdb.qcow2"}) {
+    EXPECT_TRUE(hasLine(errors, "WARN:  Rolling back: deleting " + out_.file(vm + disk)))
+        << r.stderrText;
+  }
   EXPECT_TRUE(hasLine(consoleLines(r.stdoutText),
                       "Partial conversion rolled back; no Orvane VM left behind."));
-  // The failed disk's partial image is not claimed by the run, so it stays.
-  EXPECT_EQ(std::vector<std::string>{vm + "-sdb.qcow2"}, fileNamesIn(out_.path()));
+  EXPECT_EQ(std::vector<std::string>{}, fileNamesIn(out_.path()));
+  // No error line carries qemu-img's progress output.
+  EXPECT_EQ(std::string::npos, r.stderrText.find("/100%)")) << r.stderrText;
   EXPECT_FALSE(domainDefined(vm));
   EXPECT_NE(std::string::npos,
             lastRecordFor(vm).find(" result=failure stage=disk_convert "));
   EXPECT_EQ("", describeDifferences(before, snapshotFolder(folder.path())));
+
+  // With room again, the retry is not refused over a leftover image.
+  ASSERT_EQ(0, mount("tmpfs", out_.path().c_str(), "tmpfs", MS_REMOUNT, "size=128m"))
+      << std::strerror(errno);
+  CommandResult retry =
+      runProgram({"-p", folder.path(), "-o", out_.path(), "-n", vm, "--yes"});
+  EXPECT_EQ(0, retry.exitCode) << retry.stdoutText << retry.stderrText;
+  EXPECT_TRUE(domainDefined(vm));
 }
 
 }  // namespace
