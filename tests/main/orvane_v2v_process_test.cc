@@ -30,6 +30,12 @@ case "$1" in
   dominfo) [ "$2" = db01 ]; exit $? ;;
   list) printf 'db01\n\n' ;;
   dumpxml) echo "<mac address='52:54:00:00:00:01'/>" ;;
+  echo\ *) printf '%s\n' "$1" | tr ';' '\n' | while read -r cmd arg rest; do
+      case "$cmd" in
+        echo) printf '%s' "$arg" ;;
+        dumpxml) echo "<mac address='52:54:00:00:00:01'/>" ;;
+      esac
+    done ;;
   define) [ -z "$FAKE_DEFINE_FAILS" ] || { echo "error: $FAKE_DEFINE_FAILS" >&2; exit 1; } ;;
 esac
 exit 0)";
