@@ -262,9 +262,9 @@ class RacingLibvirt : public FakeLibvirtBackend {
  public:
   std::function<void()> afterChecks;
   // The MAC check is the last question asked before the prompt.
-  std::vector<std::string> listDomains() override {
+  std::vector<std::pair<std::string, std::string>> dumpAllDomainXml() override {
     if (afterChecks) afterChecks();
-    return FakeLibvirtBackend::listDomains();
+    return FakeLibvirtBackend::dumpAllDomainXml();
   }
 };
 
