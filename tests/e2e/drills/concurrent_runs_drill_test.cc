@@ -20,9 +20,11 @@ using std::chrono::seconds;
 
 constexpr std::uint64_t kDiskBytes = 1ULL << 30;
 
-std::unique_ptr<VmwareFolder> oneFlatDiskFolder(const std::string& name) {
+std::unique_ptr<VmwareFolder> oneFlatDiskFolder(const std::string& name,
+                                                const std::string& mac) {
   VmwareFolderSpec spec;
   spec.displayName = name;
+  spec.nicMacs = {mac};
   spec.disks = {VmwareDiskSpec{"scsi0:0", "", kDiskBytes, "monolithicFlat"}};
   auto folder = std::make_unique<VmwareFolder>(spec);
   fillWithData(flatExtentOf(folder->diskPaths()[0]), 'r');
@@ -39,26 +41,19 @@ bool converting(pid_t program) {
   return false;
 }
 
-// virt-install makes a libvirt pool of each directory it is given a disk in; the
-// drill's directories go, so their pools go too.
-void removePoolOf(const std::string& dir) {
-  const std::string pool = std::filesystem::path(dir).filename().string();
-  runCommand({"virsh", "pool-destroy", pool});
-  runCommand({"virsh", "pool-undefine", pool});
-}
-
 class ConcurrentRunsOnHost : public HostRunTest {};
 
 TEST_F(ConcurrentRunsOnHost, SameVmIntoOneDirectoryDefinesExactlyOne) {
-  const std::unique_ptr<VmwareFolder> source = oneFlatDiskFolder("race01");
+  const std::unique_ptr<VmwareFolder> source =
+      oneFlatDiskFolder("race01", "00:0c:29:5a:00:01");
   const std::string disk = source->diskPaths()[0];
   for (bool firstStartedWins : {true, false}) {
     SCOPED_TRACE(firstStartedWins ? "first started answered first" : "reverse");
     TempDir out("orvane-e2e-safety-race");
     const std::string vm = vmName("safety-race");
     const std::string image = out.file(vm + ".qcow2");
-    const std::vector<std::string> argv = {ORVANE_BINARY, "-p", source->path(), "-o",
-                                           out.path(), "-n", vm};
+    const std::vector<std::string> argv = {
+        ORVANE_BINARY, "-p", source->path(), "-o", out.path(), "-n", vm};
     PtyProgram started1(argv);
     ASSERT_TRUE(started1.waitForOutput("Proceed? (yes/no): ", seconds(60)));
     PtyProgram started2(argv);
@@ -72,29 +67,33 @@ TEST_F(ConcurrentRunsOnHost, SameVmIntoOneDirectoryDefinesExactlyOne) {
     EXPECT_EQ(1, loser.wait(seconds(60))) << loser.output();
     EXPECT_NE(std::string::npos,
               loser.output().find("ERROR: Target image already exists (it will not be "
-                                  "overwritten): " + image))
+                                  "overwritten): " +
+                                  image))
         << loser.output();
     EXPECT_EQ(std::string::npos, loser.output().find("Rolling back")) << loser.output();
     EXPECT_EQ(0, winner.wait(seconds(600))) << winner.output();
 
     EXPECT_TRUE(domainDefined(vm));
     EXPECT_EQ(std::vector<std::string>{vm + ".qcow2"}, fileNamesIn(out.path()));
-    EXPECT_TRUE(
-        runCommand({"qemu-img", "compare", "-q", "-f", "vmdk", "-F", "qcow2", disk, image})
-            .ok());
+    EXPECT_TRUE(runCommand({"qemu-img", "compare", "-q", "-f", "vmdk", "-F", "qcow2",
+                            disk, image})
+                    .ok());
     undefineIfDefined(vm);
-    removePoolOf(out.path());
   }
 }
 
 TEST_F(ConcurrentRunsOnHost, DifferentVmsIntoOneDirectoryBothSucceed) {
-  const std::unique_ptr<VmwareFolder> first = oneFlatDiskFolder("pair01");
-  const std::unique_ptr<VmwareFolder> second = oneFlatDiskFolder("pair02");
+  const std::unique_ptr<VmwareFolder> first =
+      oneFlatDiskFolder("pair01", "00:0c:29:5a:00:02");
+  const std::unique_ptr<VmwareFolder> second =
+      oneFlatDiskFolder("pair02", "00:0c:29:5a:00:03");
   TempDir out("orvane-e2e-safety-pair");
   const std::string vm1 = vmName("safety-pair1");
   const std::string vm2 = vmName("safety-pair2");
-  PtyProgram run1({ORVANE_BINARY, "-p", first->path(), "-o", out.path(), "-n", vm1, "-y"});
-  PtyProgram run2({ORVANE_BINARY, "-p", second->path(), "-o", out.path(), "-n", vm2, "-y"});
+  PtyProgram run1(
+      {ORVANE_BINARY, "-p", first->path(), "-o", out.path(), "-n", vm1, "-y"});
+  PtyProgram run2(
+      {ORVANE_BINARY, "-p", second->path(), "-o", out.path(), "-n", vm2, "-y"});
   EXPECT_EQ(0, run1.wait(seconds(600))) << run1.output();
   EXPECT_EQ(0, run2.wait(seconds(600))) << run2.output();
   EXPECT_TRUE(domainDefined(vm1));
@@ -103,7 +102,6 @@ TEST_F(ConcurrentRunsOnHost, DifferentVmsIntoOneDirectoryBothSucceed) {
             fileNamesIn(out.path()));
   undefineIfDefined(vm1);
   undefineIfDefined(vm2);
-  removePoolOf(out.path());
 }
 
 }  // namespace
