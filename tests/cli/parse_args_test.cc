@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
+#include "cli/usage.h"
+#include "vmx/test_tables.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 ParseResult parseWords(std::vector<std::string> words) {
@@ -16,96 +16,40 @@ ParseResult parseWords(std::vector<std::string> words) {
   return parseArgs(static_cast<int>(words.size()), argv.data());
 }
 
-/// The flags that are set: 'V' virtio, 'y' assumeYes, 'd' dryRun, 'v' verbose.
-std::string flagsOf(const Options& options) {
-  std::string flags;
-  if (options.virtio) flags += 'V';
-  if (options.assumeYes) flags += 'y';
-  if (options.dryRun) flags += 'd';
-  if (options.verbose) flags += 'v';
-  return flags;
-}
-
-struct ParseCase {
-  const char* name;
-  std::vector<std::string> words;
-  std::string path, outputDir, vmName, flags;
-  bool help;
-  std::string error;  ///< the expected errorMessage; hadError exactly when non-empty
-};
-
-TEST(ParseArgs, Table) {
-  // clang-format off
-  const ParseCase cases[] = {
-      {"nothing", {}, "", "", "", "", false, ""},
-      {"every long form",
-       {"--path", "/vm", "--output-dir", "/out", "--vm-name", "web", "--virtio", "--yes",
-        "--dry-run", "--verbose"},
-       "/vm", "/out", "web", "Vydv", false, ""},
-      {"every short form", {"-p", "/vm", "-o", "/out", "-n", "web", "-y", "-d", "-v"},
-       "/vm", "/out", "web", "ydv", false, ""},
-      {"later value wins", {"-p", "/vm", "-p", "/vm2"}, "/vm2", "", "", "", false, ""},
-      {"repeated flag stays set", {"-y", "--yes"}, "", "", "", "y", false, ""},
-      {"error before help", {"-p", "/vm", "--bogus", "-h"},
-       "/vm", "", "", "", false, "Unknown option: --bogus"},
-      {"help before error", {"-h", "--bogus"}, "", "", "", "", true, ""},
-      {"help stops the walk", {"-y", "--help", "-d"}, "", "", "", "y", true, ""},
-      {"no equals form", {"--path=/vm"},
-       "", "", "", "", false, "Unknown option: --path=/vm"},
-      {"value option last", {"-p", "/vm", "-n"}, "/vm", "", "", "", false, ""},
-      {"value option last clears an earlier value", {"-n", "a", "-n"},
-       "", "", "", "", false, ""},
-      {"value taken even when dashed", {"-o", "-v"}, "", "-v", "", "", false, ""},
-      {"value taken even when it is help", {"-p", "-h"}, "-h", "", "", "", false, ""},
-      {"no bundling", {"-yd"}, "", "", "", "", false, "Unknown option: -yd"},
-      {"positional word", {"/vm"}, "", "", "", "", false, "Unknown option: /vm"},
-      {"case matters", {"-P", "/vm"}, "", "", "", "", false, "Unknown option: -P"},
-      {"no end marker", {"--"}, "", "", "", "", false, "Unknown option: --"},
-      {"prefix of a long form", {"--verb"},
-       "", "", "", "", false, "Unknown option: --verb"},
-      {"short form with a long dash", {"--y"},
-       "", "", "", "", false, "Unknown option: --y"},
-      {"empty word", {"-y", ""}, "", "", "", "y", false, "Unknown option: "},
-  };
-  // clang-format on
-  for (const ParseCase& c : cases) {
-    SCOPED_TRACE(c.name);
-    const ParseResult r = parseWords(c.words);
-    EXPECT_EQ(c.path, r.options.path);
-    EXPECT_EQ(c.outputDir, r.options.outputDir);
-    EXPECT_EQ(c.vmName, r.options.vmName);
-    EXPECT_EQ(c.flags, flagsOf(r.options));
-    EXPECT_EQ(c.help, r.helpRequested);
-    EXPECT_EQ(!c.error.empty(), r.hadError);
-    EXPECT_EQ(c.error, r.errorMessage);
-  }
-}
-
-TEST(ParseArgs, InvocationIsTheWordsJoinedWithoutQuoting) {
-  const struct {
+TEST(ParseArgs, EachCommandLineParsesAsExpected) {
+  for (const auto& row :
+       readRows(std::string(ORVANE_SOURCE_DIR) + "/tests/cli/data/parse.tsv")) {
+    // The words: split at blanks, then unescaped once more ("\\x20" is a blank in a
+    // word); '' is an empty word.
     std::vector<std::string> words;
-    std::string invocation;
-  } cases[] = {
-      {{}, ""},
-      {{"-p", "/mnt/my vm", "--yes"}, "-p /mnt/my vm --yes"},
-      // Recorded whole even when the walk stops early.
-      {{"--bogus", "-p", "/vm"}, "--bogus -p /vm"},
-      {{"-n", ""}, "-n "},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(c.invocation, parseWords(c.words).options.invocation);
+    for (std::size_t start = 0, end = 0; start < row[0].size(); start = end + 1) {
+      end = std::min(row[0].find(' ', start), row[0].size());
+      words.push_back(unescape(row[0].substr(start, end - start)));
+      if (words.back() == "''") words.back().clear();
+    }
+    const ParseResult r = parseWords(words);
+    const Options& o = r.options;
+    std::string got = (o.path.empty() ? "" : " path=" + o.path) +
+                      (o.outputDir.empty() ? "" : " output=" + o.outputDir) +
+                      (o.vmName.empty() ? "" : " name=" + o.vmName);
+    std::string flags = std::string(o.virtio ? "V" : "") + (o.assumeYes ? "y" : "") +
+                        (o.dryRun ? "d" : "") + (o.verbose ? "v" : "");
+    got += (flags.empty() ? "" : " flags=" + flags) + (r.helpRequested ? " help" : "") +
+           (r.hadError || !r.errorMessage.empty() ? " error=" + r.errorMessage : "");
+    EXPECT_EQ(got.empty() ? "nothing" : got.substr(1), row.at(1)) << row[0];
+    // Recorded whole, without quoting, even when the walk stopped early.
+    EXPECT_EQ(o.invocation, joined(words, " ")) << row[0];
   }
 }
 
-TEST(ParseArgs, NoArgvWordsAtAll) {
-  char name[] = "orvane-v2v";
-  char* argv[] = {name, nullptr};
-  const ParseResult r = parseArgs(1, argv);
-  EXPECT_FALSE(r.helpRequested);
-  EXPECT_FALSE(r.hadError);
-  EXPECT_EQ("", r.options.invocation);
-  EXPECT_EQ(0, parseArgs(0, argv).options.invocation.size());
+TEST(ParseArgs, EveryOptionTheUsageNamesIsTaken) {
+  const std::string usage = usageText();
+  for (std::size_t at = 0; (at = usage.find(" -", at)) != std::string::npos; ++at) {
+    const std::string word =
+        usage.substr(at + 1, usage.find_first_of(" ,\n", at + 1) - at - 1);
+    EXPECT_FALSE(parseWords({word}).hadError) << word;
+  }
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing
