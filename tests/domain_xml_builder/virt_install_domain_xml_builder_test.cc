@@ -4,10 +4,6 @@
 // nothing else is touched.
 #include "domain_xml_builder/virt_install_domain_xml_builder.h"
 
-#include <gtest/gtest.h>
-
-#include "conversion/errors.h"
-#include "support/fake_tools.h"
 #include "vmx/test_tables.h"
 
 namespace orvane::testing {
@@ -18,10 +14,10 @@ const std::string kData =
 
 /// The case's VM: its "disk: PATH BUS" and "nic: MODEL [MAC]" lines, the rest defaults.
 DomainSpec specOf(const Case& c) {
-  DomainSpec spec{"web01",       2,  4096, "detect=on,require=off", "utc",
-                  c.has("uefi"), {}, {}};
-  if (c.has("vcpus")) spec.vcpus = std::stoi(c["vcpus"]);
-  if (c.has("memory")) spec.memoryMb = std::stoll(c["memory"]);
+  DomainSpec spec{"web01", 2, 4096, "detect=on,require=off", "utc", c["uefi"] == "yes",
+                  {},      {}};
+  if (!c["vcpus"].empty()) spec.vcpus = std::stoi(c["vcpus"]);
+  if (!c["memory"].empty()) spec.memoryMb = std::stoll(c["memory"]);
   for (const std::string& disk : c.all("disk")) {
     spec.disks.push_back(
         {disk.substr(0, disk.rfind(' ')), disk.substr(disk.rfind(' ') + 1)});
@@ -88,5 +84,5 @@ TEST(VirtInstallDomainXmlBuilder, PoolsAreLeftAsFound) {
   }
 }  // namespace
 
-}  // namespace orvane::testing
+}  // namespace
 }  // namespace orvane::testing

@@ -1,19 +1,17 @@
 #pragma once
-// Test cases kept as data beside the tests, in two shapes:
-//  - rows (.tsv): one case a line, its fields split at tabs;
-//  - blocks (.txt): "case: NAME" opens a case, "key: value" lines follow, and a line
-//    beginning "| " continues the value above it on a new line.
-// Blank lines and lines beginning "#" are skipped. In a value "\n", "\r", "\t", "\0",
-// "\\" and "\xNN" stand for the byte; any other backslash stays (\EFI reads as it looks).
+// Test cases kept as data beside the tests: rows (.tsv, one case a line, fields split
+// at tabs) or blocks (.txt: "case: NAME" opens a case, "key: value" lines follow, a
+// line beginning "| " continues the value above on a new line). Blank and "#" lines
+// are skipped. In a value "\n" "\r" "\t" "\0" "\\" "\xNN" stand for the byte; any
+// other backslash stays as written.
 #include <gtest/gtest.h>
 
 #include <csignal>
 #include <fstream>
-#include <string>
-#include <vector>
 
+#include "conversion/errors.h"
 #include "progress/progress_observer.h"
-#include "support/temp_dir.h"
+#include "support/fake_tools.h"
 
 namespace orvane::testing {
 
@@ -46,8 +44,8 @@ inline std::vector<std::vector<std::string>> readRows(const std::string& path) {
   for (const std::string& line : dataLines(path)) {
     rows.emplace_back();
     for (std::size_t start = 0, tab = 0; tab != std::string::npos; start = tab + 1) {
-      rows.back().push_back(
-          unescape(line.substr(start, (tab = line.find('\t', start)) - start)));
+      tab = line.find('\t', start);
+      rows.back().push_back(unescape(line.substr(start, tab - start)));
     }
   }
   return rows;
@@ -59,16 +57,14 @@ struct Case {
 
   std::vector<std::string> all(std::string_view key) const {
     std::vector<std::string> values;
-    for (const auto& [k, v] : fields) {
+    for (const auto& [k, v] : fields)
       if (k == key) values.push_back(v);
-    }
     return values;
   }
-  bool has(std::string_view key) const { return !all(key).empty(); }
   std::string operator[](std::string_view key) const {
-    return has(key) ? all(key)[0] : "";
+    return all(key).empty() ? "" : all(key)[0];
   }
-  /// The fields whose key is one of `keys`, as "key: value" lines in file order.
+  /// The fields of `keys` as "key: value" lines in file order: what a case expects.
   std::string text(std::initializer_list<std::string_view> keys) const {
     std::string out;
     for (const auto& [k, v] : fields) {
@@ -87,9 +83,11 @@ inline std::vector<Case> readCases(const std::string& path) {
     const std::string value = unescape(line.substr(std::min(colon + 2, line.size())));
     if (key == "case") cases.push_back({value, {}});
     if (key == "case" || cases.empty()) continue;
-    if (line.rfind("| ", 0) == 0)
+    if (line.rfind("| ", 0) == 0) {
       cases.back().fields.back().second += "\n" + unescape(line.substr(2));
-    if (line.rfind("| ", 0) != 0) cases.back().fields.emplace_back(key, value);
+    } else {
+      cases.back().fields.emplace_back(key, value);
+    }
   }
   return cases;
 }
@@ -110,8 +108,7 @@ inline std::string replaced(std::string text, const std::string& from,
   return text;
 }
 
-/// Keeps what a command reports, and raises `stop` at tick `stopAt` as the signal
-/// handler would.
+/// Keeps what a command reports; raises `stop` at tick `stopAt`, as a signal would.
 struct RecordingProgress : ProgressObserver {
   void onOutput(std::string_view chunk) override { output.append(chunk); }
   void onTick() override { stop = ++ticks == stopAt ? SIGINT : stop; }
