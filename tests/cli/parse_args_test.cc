@@ -1,7 +1,5 @@
 #include "cli/parse_args.h"
 
-#include <gtest/gtest.h>
-
 #include "cli/usage.h"
 #include "vmx/test_tables.h"
 
@@ -17,28 +15,27 @@ ParseResult parseWords(std::vector<std::string> words) {
 }
 
 TEST(ParseArgs, EachCommandLineParsesAsExpected) {
-  for (const auto& row :
-       readRows(std::string(ORVANE_SOURCE_DIR) + "/tests/cli/data/parse.tsv")) {
-    // The words: split at blanks, then unescaped once more ("\\x20" is a blank in a
-    // word); '' is an empty word.
-    std::vector<std::string> words;
-    for (std::size_t start = 0, end = 0; start < row[0].size(); start = end + 1) {
-      end = std::min(row[0].find(' ', start), row[0].size());
-      words.push_back(unescape(row[0].substr(start, end - start)));
-      if (words.back() == "''") words.back().clear();
-    }
-    const ParseResult r = parseWords(words);
+  for (const Case& c :
+       readCases(std::string(ORVANE_SOURCE_DIR) + "/tests/cli/data/parse.txt")) {
+    const ParseResult r = parseWords(c.all("arg"));
     const Options& o = r.options;
-    std::string got = (o.path.empty() ? "" : " path=" + o.path) +
-                      (o.outputDir.empty() ? "" : " output=" + o.outputDir) +
-                      (o.vmName.empty() ? "" : " name=" + o.vmName);
-    std::string flags = std::string(o.virtio ? "V" : "") + (o.assumeYes ? "y" : "") +
-                        (o.dryRun ? "d" : "") + (o.verbose ? "v" : "");
-    got += (flags.empty() ? "" : " flags=" + flags) + (r.helpRequested ? " help" : "") +
-           (r.hadError || !r.errorMessage.empty() ? " error=" + r.errorMessage : "");
-    EXPECT_EQ(got.empty() ? "nothing" : got.substr(1), row.at(1)) << row[0];
+    const std::string flags = std::string(o.virtio ? "V" : "") +
+                              (o.assumeYes ? "y" : "") + (o.dryRun ? "d" : "") +
+                              (o.verbose ? "v" : "");
+    std::string got;
+    for (const auto& [key, value] : {std::pair{"path", o.path},
+                                     {"output", o.outputDir},
+                                     {"name", o.vmName},
+                                     {"flags", flags},
+                                     {"help", r.helpRequested ? "yes" : ""},
+                                     {"error", r.errorMessage}}) {
+      if (!value.empty()) got += std::string(key) + ": " + value + "\n";
+    }
+    EXPECT_EQ(got, c.text({"path", "output", "name", "flags", "help", "error"}))
+        << c.name;
+    EXPECT_EQ(r.hadError, !r.errorMessage.empty()) << c.name;
     // Recorded whole, without quoting, even when the walk stopped early.
-    EXPECT_EQ(o.invocation, joined(words, " ")) << row[0];
+    EXPECT_EQ(o.invocation, joined(c.all("arg"), " ")) << c.name;
   }
 }
 
