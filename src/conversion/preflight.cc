@@ -9,17 +9,6 @@
 
 namespace orvane {
 
-namespace {
-
-std::string toLowerAscii(std::string s) {
-  for (char& c : s) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return s;
-}
-
-}  // namespace
-
 void Conversion::planDiskTargets() {
   targetQcows_.clear();
   targetDevs_.clear();
