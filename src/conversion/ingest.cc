@@ -93,9 +93,7 @@ void Conversion::checkSourceDisks(const VmxData& vmx) {
   for (std::size_t i = 0; i < vmdkFiles_.size(); ++i) {
     disks.push_back({vmdkFiles_[i], vmx.diskDevices[i] + ".fileName"});
   }
-  for (const std::string& problem : diskFileProblems(disks)) {
-    noteBlocker(problem, kExitFailure);
-  }
+  for (const std::string& problem : diskFileProblems(disks)) noteBlocker(problem, kExitFailure);
   if (!snapDisks_.empty()) {
     noteBlocker(
         "This VM is running on a snapshot (or is a linked clone). These disk(s) are deltas "

@@ -9,8 +9,7 @@ namespace orvane {
 
 class ProgressObserver;
 
-// What runCommand and InteractiveChild share: starting a child on fresh descriptors,
-// reading what it writes, polling its ends, and reading its exit status.
+// What runCommand and InteractiveChild share: start a child, poll and read it, reap it.
 
 /// Closes `fd` if open and marks it closed. close() is never retried: after EINTR
 /// the descriptor may already be gone, and a retry could close one that another part
@@ -31,8 +30,7 @@ struct ChildOutput {
 
 /// How ChildProcess::spawn sets the child up.
 struct SpawnOptions {
-  /// Standard input as a socket, so that send() with MSG_NOSIGNAL can feed it; else
-  /// a pipe.
+  /// Standard input as a socket, so that send() with MSG_NOSIGNAL can feed it.
   bool socketInput = false;
   /// In a process group of its own, with no signal blocked; else in ours, with only
   /// SIGPIPE unblocked.
@@ -61,7 +59,6 @@ struct ChildProcess {
   /// Polls the open ends, `in` only when `feeding`, for up to `timeoutMs` (-1: no
   /// limit). EINTR is not retried here: the caller has a stop flag to look at first.
   Ready wait(bool feeding, int timeoutMs) const;
-  /// Whether any end is left for `wait` to watch.
   bool anyOpen(bool feeding) const { return (feeding && in >= 0) || out.open() || err.open(); }
 
   void closeAll();

@@ -118,9 +118,9 @@ class RunningCommand {
     }
   }
 
-  /// Closes our ends, waits for the child, tells the observer it is over; the exit
-  /// code as CommandResult states it.
-  int reap() {
+  /// Closes our ends, waits for the child, tells the observer it is over, and hands
+  /// what it wrote and its exit code to `result`.
+  void finish(CommandResult& result) {
     child_.closeAll();
     int exitCode = -1;
     if (reaped_) {
@@ -131,11 +131,10 @@ class RunningCommand {
       exitCode = waitWhileStoppable();
     }
     if (progress_ != nullptr) progress_->onFinish();
-    return exitCode;
+    result.exitCode = exitCode;
+    result.stdoutText = std::move(child_.out.text);
+    result.stderrText = std::move(child_.err.text);
   }
-
-  std::string& stdoutText() { return child_.out.text; }
-  std::string& stderrText() { return child_.err.text; }
 
  private:
   void feedInput() {
@@ -192,9 +191,7 @@ CommandResult runCommand(const std::vector<std::string>& argv,
   RunningCommand command(options);
   if (!command.start(argv)) return result;
   command.pump();
-  result.exitCode = command.reap();
-  result.stdoutText = std::move(command.stdoutText());
-  result.stderrText = std::move(command.stderrText());
+  command.finish(result);
   return result;
 }
 

@@ -163,19 +163,17 @@ int InteractiveChild::reap() {
     exitCode_ = waitForExit(pid);
     reaped_ = true;
   }
-  {
-    // What the tool started (qemu) is not our child and cannot be waited for; the
-    // group is gone once no member is left. Whatever outlives the grace is killed.
-    const long long deadline = nowMs() + options_.graceMs;
-    bool killed = false;
-    while (::kill(-pid, 0) == 0) {
-      if (!killed && nowMs() >= deadline) {
-        ::kill(-pid, SIGKILL);
-        killed = true;
-      }
-      sleepMs(kPollStepMs);
-      if (killed && nowMs() >= deadline + options_.graceMs) break;
+  // What the tool started (qemu) is not our child and cannot be waited for; the
+  // group is gone once no member is left. Whatever outlives the grace is killed.
+  const long long deadline = nowMs() + options_.graceMs;
+  bool killed = false;
+  while (::kill(-pid, 0) == 0) {
+    if (!killed && nowMs() >= deadline) {
+      ::kill(-pid, SIGKILL);
+      killed = true;
     }
+    sleepMs(kPollStepMs);
+    if (killed && nowMs() >= deadline + options_.graceMs) break;
   }
   if (options_.progress != nullptr) options_.progress->onFinish();
   return exitCode_;
