@@ -2,50 +2,10 @@
 
 #include <cstddef>
 
+#include "text/text.h"
+
 namespace orvane {
 namespace {
-
-constexpr std::string_view kBlanks = " \t\r\n";
-
-std::string_view trim(std::string_view s) {
-  std::size_t first = s.find_first_not_of(kBlanks);
-  if (first == std::string_view::npos) return {};
-  std::size_t last = s.find_last_not_of(kBlanks);
-  return s.substr(first, last - first + 1);
-}
-
-std::string toLower(std::string_view s) {
-  std::string out(s);
-  for (char& c : out) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return out;
-}
-
-bool startsWith(std::string_view s, std::string_view prefix) {
-  return s.size() >= prefix.size() && s.substr(0, prefix.size()) == prefix;
-}
-
-bool endsWith(std::string_view s, std::string_view suffix) {
-  return s.size() >= suffix.size() && s.substr(s.size() - suffix.size()) == suffix;
-}
-
-/// Keeps empty pieces so that the probe's answers stay at their line numbers; a
-/// final line feed ends the last line rather than starting an empty one.
-std::vector<std::string_view> splitLines(std::string_view text) {
-  std::vector<std::string_view> lines;
-  std::size_t start = 0;
-  while (start < text.size()) {
-    std::size_t end = text.find('\n', start);
-    if (end == std::string_view::npos) {
-      lines.push_back(text.substr(start));
-      break;
-    }
-    lines.push_back(text.substr(start, end - start));
-    start = end + 1;
-  }
-  return lines;
-}
 
 /// A `find /EFI` line as a path relative to /EFI. Debian 12's guestfish prints
 /// "/ubuntu/shimx64.efi" where others print "ubuntu/shimx64.efi"; both must give
@@ -67,11 +27,11 @@ std::string siblingGrub(std::string_view shimRelative,
                         const std::vector<std::string_view>& findLines) {
   std::size_t slash = shimRelative.rfind('/');
   if (slash == std::string_view::npos) return {};
-  std::string wanted = toLower(shimRelative.substr(0, slash)) + "/grubx64.efi";
+  std::string wanted = toLowerAscii(shimRelative.substr(0, slash)) + "/grubx64.efi";
   std::string found;
   for (std::string_view line : findLines) {
     std::string_view path = relativeFindPath(line);
-    std::string lower = toLower(path);
+    std::string lower = toLowerAscii(path);
     if (lower == "boot/grubx64.efi") return {};
     if (found.empty() && lower == wanted) found = "/EFI/" + std::string(path);
   }
@@ -87,13 +47,13 @@ std::vector<std::string> parseVfatDevices(std::string_view listing) {
     if (colon == std::string_view::npos) continue;
     std::string_view device = trim(line.substr(0, colon));
     if (device.empty()) continue;
-    if (toLower(trim(line.substr(colon + 1))) == "vfat") devices.emplace_back(device);
+    if (toLowerAscii(trim(line.substr(colon + 1))) == "vfat") devices.emplace_back(device);
   }
   return devices;
 }
 
 bool isTrueAnswer(std::string_view answer) {
-  return startsWith(toLower(trim(answer)), "true");
+  return toLowerAscii(trim(answer)).starts_with("true");
 }
 
 EspDecision decideFromProbe(std::string_view probeOutput) {
@@ -117,17 +77,17 @@ EspDecision decideFromProbe(std::string_view probeOutput) {
   std::vector<std::string_view> candidates;  // relative to /EFI, case kept
   for (std::string_view line : findLines) {
     std::string_view path = relativeFindPath(line);
-    std::string lower = toLower(path);
+    std::string lower = toLowerAscii(path);
     // Whatever already sits under \EFI\BOOT is the firmware's, not a vendor loader.
-    if (lower.empty() || startsWith(lower, "boot/")) continue;
-    if (endsWith(lower, "/shimx64.efi") || endsWith(lower, "/grubx64.efi")) {
+    if (lower.empty() || lower.starts_with("boot/")) continue;
+    if (lower.ends_with("/shimx64.efi") || lower.ends_with("/grubx64.efi")) {
       candidates.push_back(path);
     }
   }
   if (candidates.size() > 1) {
     std::vector<std::string_view> shims;
     for (std::string_view c : candidates) {
-      if (endsWith(toLower(c), "/shimx64.efi")) shims.push_back(c);
+      if (toLowerAscii(c).ends_with("/shimx64.efi")) shims.push_back(c);
     }
     candidates = shims;
   }
@@ -137,7 +97,7 @@ EspDecision decideFromProbe(std::string_view probeOutput) {
   decision.kind = EspDecision::Kind::kCopy;
   decision.source = "/EFI/" + std::string(chosen);
   decision.note = "added \\EFI\\BOOT\\BOOTX64.EFI from " + lastComponent(decision.source);
-  if (endsWith(toLower(chosen), "shimx64.efi")) {
+  if (toLowerAscii(chosen).ends_with("shimx64.efi")) {
     decision.extraGrub = siblingGrub(chosen, findLines);
   }
   return decision;

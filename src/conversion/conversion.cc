@@ -9,6 +9,7 @@
 #include "disk_converter/qemu_img_disk_converter.h"
 #include "domain_xml_builder/virt_install_domain_xml_builder.h"
 #include "libvirt_backend/virsh_libvirt_backend.h"
+#include "text/text.h"
 
 namespace orvane {
 
@@ -124,7 +125,7 @@ int Conversion::finish(int code) {
   if (!outputDir_.empty()) {
     const std::string prefix = outputDir_ + "/";
     for (const std::string& path : createdQcows_) {
-      if (path.compare(0, prefix.size(), prefix) != 0) continue;
+      if (!path.starts_with(prefix)) continue;
       std::error_code ec;
       auto status = std::filesystem::symlink_status(path, ec);
       if (status.type() == std::filesystem::file_type::not_found) continue;
@@ -142,7 +143,7 @@ bool Conversion::removeClaimedTargets(bool loud) {
   const std::string prefix = outputDir_ + "/";
   bool removed = false;
   for (const std::string& path : claimedQcows_) {
-    if (outputDir_.empty() || path.compare(0, prefix.size(), prefix) != 0) continue;
+    if (outputDir_.empty() || !path.starts_with(prefix)) continue;
     if (loud) log_.warn("Rolling back: deleting " + path);
     std::error_code ec;
     removed = std::filesystem::remove(path, ec) || removed;
@@ -171,13 +172,7 @@ void Conversion::noteBlocker(const std::string& message, int code) {
     dryIssues_.push_back(message);
     return;
   }
-  std::size_t start = 0;
-  while (true) {
-    std::size_t end = message.find('\n', start);
-    log_.error(message.substr(start, end == std::string::npos ? end : end - start));
-    if (end == std::string::npos) break;
-    start = end + 1;
-  }
+  for (std::string_view line : split(message, '\n')) log_.error(std::string(line));
   if (code == kExitBootNotGuaranteed) throw BootNotGuaranteedError(message, "", true);
   throw V2vError(message, "", true);
 }

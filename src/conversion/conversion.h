@@ -20,6 +20,7 @@ class LibvirtBackend;
 class DomainXmlBuilder;
 class BootFixer;
 class DiskConverter;
+struct VmxData;
 
 /// One migration from start to end: owns the options, the logger, the four host-tool
 /// adapters and everything the steps learn; `run` turns every outcome into an exit code.
@@ -69,6 +70,20 @@ class Conversion {
   void writeApplicationSummary(int exitCode);
 
  private:
+  // The parts of validate(), in the order it runs them.
+  void checkInvocation();
+  void checkHostTools();
+  void checkDefaultNetwork();
+  void chooseOutputDir();
+  void findVmx();
+  // The parts of ingest(), in the order it runs them.
+  VmxData readVmx();
+  void checkSourceDisks(const VmxData& vmx);
+  void readMachine(const VmxData& vmx);
+  void chooseVmName();
+  void chooseGuestSettings();
+  void chooseDeviceModels();
+  void logSourceSummary(const VmxData& vmx);
   void runPreflightChecks();
   /// Removes the claimed targets that hold no finished image; `loud` logs each one.
   /// True when one was removed.

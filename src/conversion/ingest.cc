@@ -41,6 +41,21 @@ void Conversion::ingest() {
   log_.info("Step 2/" + total + ": Reading source VM configuration (" + sourceType_ + ")...");
   if (sourceType_ != "vmware") throw ingestFailure("Unsupported source type: " + sourceType_);
 
+  const VmxData vmx = readVmx();
+  checkSourceDisks(vmx);
+  readMachine(vmx);
+  chooseVmName();
+  nameRunLog();
+  chooseGuestSettings();
+  chooseDeviceModels();
+  stepIngestOk_ = true;
+
+  logSourceSummary(vmx);
+  printHeadsUp();
+  runPreflightChecks();
+}
+
+VmxData Conversion::readVmx() {
   log_.trace("VMX file: " + vmxPath_);
   VmxData vmx = parseVmx(vmxPath_, options_.path);
   rawVmName_ = std::move(vmx.displayName);
@@ -52,7 +67,10 @@ void Conversion::ingest() {
   hasVtpm_ = vmx.hasVtpm;
   hasPassthrough_ = vmx.hasPassthrough;
   hasSerial_ = vmx.hasSerial;
+  return vmx;
+}
 
+void Conversion::checkSourceDisks(const VmxData& vmx) {
   // Checked first: an encrypted .vmx keeps its disks out of sight, and "no disks"
   // would send the user looking for files that are there.
   if (vmx.encrypted) {
@@ -71,15 +89,11 @@ void Conversion::ingest() {
   }
   // Every file qemu-img would open for the disks, checked before anything else
   // reads them: the folder is someone else's input and this runs as root.
-  {
-    std::vector<NamedDisk> disks;
-    for (std::size_t i = 0; i < vmdkFiles_.size(); ++i) {
-      disks.push_back({vmdkFiles_[i], vmx.diskDevices[i] + ".fileName"});
-    }
-    for (const std::string& problem : diskFileProblems(disks)) {
-      noteBlocker(problem, kExitFailure);
-    }
+  std::vector<NamedDisk> disks;
+  for (std::size_t i = 0; i < vmdkFiles_.size(); ++i) {
+    disks.push_back({vmdkFiles_[i], vmx.diskDevices[i] + ".fileName"});
   }
+  for (const std::string& problem : diskFileProblems(disks)) noteBlocker(problem, kExitFailure);
   if (!snapDisks_.empty()) {
     noteBlocker(
         "This VM is running on a snapshot (or is a linked clone). These disk(s) are deltas "
@@ -89,6 +103,9 @@ void Conversion::ingest() {
             "all snapshots for this VM, then re-run.",
         kExitFailure);
   }
+}
+
+void Conversion::readMachine(const VmxData& vmx) {
   if (!isPositiveInt(vmx.numVcpus)) {
     log_.error("Could not read a valid CPU count from the source (got: '" + vmx.numVcpus +
                "').");
@@ -106,7 +123,9 @@ void Conversion::ingest() {
     log_.warn("Unrecognized firmware value '" + firmware_ + "'; treating as BIOS.");
     firmware_ = "bios";
   }
+}
 
+void Conversion::chooseVmName() {
   if (!options_.vmName.empty()) {
     if (!isValidDomainName(options_.vmName)) {
       log_.error("The name given with --vm-name is not a valid VM name: '" + options_.vmName +
@@ -135,8 +154,9 @@ void Conversion::ingest() {
   if (libvirt_->domainExists(vmName_)) {
     noteBlocker("A VM named '" + vmName_ + "' already exists in Orvane.", kExitFailure);
   }
-  nameRunLog();
+}
 
+void Conversion::chooseGuestSettings() {
   osFamily_ = osFamily(guestOs_);
   const bool windows = osFamily_ == "windows";
   legacyWindows_ = windows && isLegacyWindows(guestOs_);
@@ -157,7 +177,9 @@ void Conversion::ingest() {
                     "its first boot cannot be guaranteed. Keep it on VMware.",
                 kExitBootNotGuaranteed);
   }
+}
 
+void Conversion::chooseDeviceModels() {
   if (options_.virtio) {
     diskBus_ = "virtio";
     nicModel_ = "virtio";
@@ -173,8 +195,9 @@ void Conversion::ingest() {
   }
   if (options_.virtio) {
     log_.warn("--virtio set: using virtio storage and network. This requires the");
-    log_.warn(windows ? "guest to ALREADY have the virtio-win drivers installed, or the VM"
-                      : "guest to ALREADY have virtio modules in its initramfs, or the VM");
+    log_.warn(osFamily_ == "windows"
+                  ? "guest to ALREADY have the virtio-win drivers installed, or the VM"
+                  : "guest to ALREADY have virtio modules in its initramfs, or the VM");
     log_.warn("will not boot. Omit --virtio for a guaranteed boot on default hardware.");
   }
   if (diskBus_ == "ide" && vmdkFiles_.size() > 4) {
@@ -184,8 +207,9 @@ void Conversion::ingest() {
             std::to_string(vmdkFiles_.size()) + ". Not supported.",
         kExitFailure);
   }
-  stepIngestOk_ = true;
+}
 
+void Conversion::logSourceSummary(const VmxData& vmx) {
   log_.info("");
   log_.info("Source VM summary:");
   log_.info("  Name (final) : " + vmName_);
@@ -204,9 +228,6 @@ void Conversion::ingest() {
   log_.info("  os-variant   : " + osVariantDesc_);
   log_.info("  Clock        : " + clockOffset_);
   log_.info("  Output dir   : " + outputDir_);
-
-  printHeadsUp();
-  runPreflightChecks();
 }
 
 void Conversion::printHeadsUp() {

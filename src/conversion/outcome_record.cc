@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include "cli/usage.h"
+#include "text/text.h"
 
 namespace orvane {
 
@@ -58,9 +59,7 @@ std::string formatOutcomeFields(const OutcomeFacts& facts) {
 std::string sanitizeRecordName(const std::string& name) {
   std::string out = name;
   for (char& c : out) {
-    bool keep = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                c == '-' || c == '_' || c == '.' || c == '+';
-    if (!keep) c = '_';
+    if (!isVmNameChar(c)) c = '_';
   }
   return out;
 }

@@ -9,17 +9,6 @@
 
 namespace orvane {
 
-namespace {
-
-std::string toLowerAscii(std::string s) {
-  for (char& c : s) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return s;
-}
-
-}  // namespace
-
 void Conversion::planDiskTargets() {
   targetQcows_.clear();
   targetDevs_.clear();
@@ -38,10 +27,7 @@ void Conversion::runPreflightChecks() {
     std::error_code ec;
     auto status = std::filesystem::symlink_status(path, ec);
     if (!ec && status.type() != std::filesystem::file_type::not_found) {
-      noteBlocker("Target image already exists (it will not be overwritten): " + path +
-                      "\nRemove or rename it, or choose a different --output-dir / "
-                      "--vm-name, then re-run.",
-                  kExitFailure);
+      noteBlocker(existingTargetMessage(path), kExitFailure);
     }
   }
   for (const std::string& mac : macAddresses_) {

@@ -11,6 +11,7 @@
 #include "conversion/errors.h"
 #include "conversion/step_helpers.h"
 #include "progress/spinner.h"
+#include "text/text.h"
 
 namespace orvane {
 
@@ -63,15 +64,10 @@ int Conversion::dryRunSummary() {
   log_.emit("");
   log_.emit("Issues -- a real run would FAIL:");
   for (const std::string& issue : dryIssues_) {
-    std::size_t start = 0;
-    bool first = true;
-    while (true) {
-      std::size_t end = issue.find('\n', start);
-      std::string line = issue.substr(start, end == std::string::npos ? end : end - start);
-      log_.emit((first ? "  - " : "    ") + line);
-      first = false;
-      if (end == std::string::npos) break;
-      start = end + 1;
+    const char* indent = "  - ";
+    for (std::string_view line : split(issue, '\n')) {
+      log_.emit(indent + std::string(line));
+      indent = "    ";
     }
   }
   log_.emit("");

@@ -8,6 +8,7 @@
 #include "conversion/outcome_record.h"
 #include "conversion/step_helpers.h"
 #include "logging/application_log.h"
+#include "text/text.h"
 
 namespace orvane {
 

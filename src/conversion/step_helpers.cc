@@ -4,33 +4,26 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
 #include <regex>
 
 #include "logging/logger.h"
+#include "text/text.h"
 
 namespace orvane {
 
 bool commandExists(const std::string& name) {
   const char* path = std::getenv("PATH");
   if (path == nullptr) return false;
-  std::string all = path;
-  std::size_t start = 0;
-  while (start <= all.size()) {
-    std::size_t end = all.find(':', start);
-    if (end == std::string::npos) end = all.size();
+  for (std::string_view dir : split(path, ':')) {
     // An empty element would mean the current directory to a shell; a root tool
     // must not pick up whatever lies in the directory it was started from.
-    if (end > start) {
-      std::string candidate = all.substr(start, end - start) + "/" + name;
-      if (access(candidate.c_str(), X_OK) == 0) return true;
-    }
-    start = end + 1;
+    if (dir.empty()) continue;
+    const std::string candidate = std::string(dir) + "/" + name;
+    if (access(candidate.c_str(), X_OK) == 0) return true;
   }
   return false;
 }
@@ -38,13 +31,6 @@ bool commandExists(const std::string& name) {
 std::string stripTrailingSlash(std::string s) {
   if (s.size() >= 2 && s.back() == '/') s.pop_back();
   return s;
-}
-
-bool endsWithLower(const std::string& s, const std::string& suffix) {
-  if (suffix.size() > s.size()) return false;
-  std::string tail = s.substr(s.size() - suffix.size());
-  for (char& c : tail) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return tail == suffix;
 }
 
 std::string joinSpace(const std::vector<std::string>& words) {
@@ -57,13 +43,7 @@ std::string joinSpace(const std::vector<std::string>& words) {
 }
 
 void errorLines(Logger& log, const std::string& text) {
-  std::size_t start = 0;
-  while (start < text.size()) {
-    std::size_t end = text.find('\n', start);
-    if (end == std::string::npos) end = text.size();
-    log.error(text.substr(start, end - start));
-    start = end + 1;
-  }
+  for (std::string_view line : splitLines(text)) log.error(std::string(line));
 }
 
 namespace {
@@ -101,19 +81,6 @@ std::string existingTargetMessage(const std::string& path) {
   return "Target image already exists (it will not be overwritten): " + path +
          "\nRemove or rename it, or choose a different --output-dir / --vm-name, then "
          "re-run.";
-}
-
-std::string strftimeNow(const char* format) {
-  std::time_t now = std::time(nullptr);
-  std::tm local{};
-  localtime_r(&now, &local);
-  char buf[64];
-  // The formats are the run's own constants, never outside input.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-  std::size_t n = std::strftime(buf, sizeof(buf), format, &local);
-#pragma GCC diagnostic pop
-  return std::string(buf, n);
 }
 
 }  // namespace orvane

@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "text/text.h"
+
 namespace orvane {
 
 class Logger;
@@ -14,8 +16,6 @@ class Logger;
 bool commandExists(const std::string& name);
 /// `s` without one trailing "/" when it has at least two characters; "/" stays "/".
 std::string stripTrailingSlash(std::string s);
-/// Case-insensitive suffix test; `suffix` must be given in lower case.
-bool endsWithLower(const std::string& s, const std::string& suffix);
 std::string joinSpace(const std::vector<std::string>& words);
 /// Logs `text` at error level, one line per line; nothing for an empty text and no
 /// empty line after a final newline.
@@ -30,7 +30,5 @@ std::string flushToDisk(const std::string& path);
 std::string withoutProgress(const std::string& text);
 /// The blocker for a target path that exists already, whoever made it.
 std::string existingTargetMessage(const std::string& path);
-/// The local time formatted with strftime.
-std::string strftimeNow(const char* format);
 
 }  // namespace orvane

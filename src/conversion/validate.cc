@@ -30,7 +30,14 @@ V2vError validationFailure(const std::string& reason) {
 void Conversion::validate() {
   const std::string total = std::to_string(totalSteps_);
   log_.info("Step 1/" + total + ": Validating arguments and environment...");
+  checkInvocation();
+  checkHostTools();
+  checkDefaultNetwork();
+  chooseOutputDir();
+  findVmx();
+}
 
+void Conversion::checkInvocation() {
   if (geteuid() != 0) {
     log_.error("This tool must run as root (it writes images, manages libvirt, and");
     log_.error("runs libguestfs). Re-run with sudo.");
@@ -48,6 +55,9 @@ void Conversion::validate() {
     log_.error("Source VM folder not found: " + options_.path);
     throw validationFailure("source folder not found");
   }
+}
+
+void Conversion::checkHostTools() {
   for (const char* command : kRequiredCommands) {
     if (!commandExists(command)) {
       log_.error(std::string("Required command not found in PATH: ") + command);
@@ -58,7 +68,9 @@ void Conversion::validate() {
     log_.error("Cannot talk to libvirt (virsh). Is libvirtd running and are you root?");
     throw validationFailure("libvirt unreachable");
   }
+}
 
+void Conversion::checkDefaultNetwork() {
   if (!libvirt_->networkDefined("default")) {
     noteBlocker(
         "libvirt's 'default' network is not defined; NICs cannot be attached.\n"
@@ -70,7 +82,9 @@ void Conversion::validate() {
         "  virsh net-start default && virsh net-autostart default",
         kExitFailure);
   }
+}
 
+void Conversion::chooseOutputDir() {
   if (!options_.outputDir.empty()) {
     outputDir_ = stripTrailingSlash(options_.outputDir);
     usedDefaultPool_ = false;
@@ -85,6 +99,7 @@ void Conversion::validate() {
     usedDefaultPool_ = true;
     log_.trace("Default storage pool path: " + outputDir_);
   }
+  std::error_code ec;
   if (std::filesystem::is_directory(outputDir_, ec)) {
     if (access(outputDir_.c_str(), W_OK) != 0) {
       noteBlocker("Output directory is not writable: " + outputDir_, kExitFailure);
@@ -93,7 +108,10 @@ void Conversion::validate() {
     noteBlocker("Output directory does not exist or is not a directory: " + outputDir_,
                 kExitFailure);
   }
+}
 
+void Conversion::findVmx() {
+  std::error_code ec;
   std::vector<std::string> vmxFiles;
   for (std::filesystem::directory_iterator it(options_.path, ec), end; !ec && it != end;
        it.increment(ec)) {
@@ -116,6 +134,7 @@ void Conversion::validate() {
     vmxPath_ = vmxFiles.front();
     log_.trace("Detected source type: " + sourceType_);
     stepValidateOk_ = true;
+    const std::string total = std::to_string(totalSteps_);
     log_.info("Step 1/" + total + ": validation passed.");
   } else if (vmxFiles.empty()) {
     log_.error("No .vmx file found in " + options_.path +

@@ -9,10 +9,10 @@
 #include <cstring>
 #include <filesystem>
 #include <iterator>
-#include <sstream>
 
 #include "conversion/errors.h"
 #include "process/command_runner.h"
+#include "text/text.h"
 
 namespace orvane {
 namespace {
@@ -20,13 +20,8 @@ namespace {
 namespace fs = std::filesystem;
 
 std::set<std::string> nonEmptyLines(const std::string& text) {
-  std::set<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    const std::size_t end = line.find_last_not_of(" \t\r");
-    if (end != std::string::npos) lines.insert(line.substr(0, end + 1));
-  }
-  return lines;
+  const std::vector<std::string> lines = nonBlankLines(text);
+  return {lines.begin(), lines.end()};
 }
 
 /// A directory as one spelling: absolute, normalised, without a trailing slash.
@@ -45,9 +40,8 @@ std::string poolTarget(const std::string& pool) {
   const std::size_t start = open + 6;
   const std::size_t close = xml.stdoutText.find("</path>", start);
   if (close == std::string::npos) return "";
-  std::string path = xml.stdoutText.substr(start, close - start);
-  path.erase(0, path.find_first_not_of(" \t\r\n"));
-  path.erase(path.find_last_not_of(" \t\r\n") + 1);
+  const std::string_view path =
+      trim(std::string_view(xml.stdoutText).substr(start, close - start));
   return path.empty() ? "" : canonicalDir(path);
 }
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <string_view>
 
+#include "text/text.h"
+
 namespace orvane {
 namespace {
 
@@ -90,13 +92,7 @@ bool virshMisreadsName(const std::string& name) {
 
 bool isValidDomainName(const std::string& name) {
   if (name.empty() || virshMisreadsName(name)) return false;
-  for (char c : name) {
-    const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-    const bool digit = isDigit(c);
-    const bool punctuation = c == '_' || c == '.' || c == '+' || c == '-';
-    if (!letter && !digit && !punctuation) return false;
-  }
-  return true;
+  return std::all_of(name.begin(), name.end(), isVmNameChar);
 }
 
 }  // namespace orvane

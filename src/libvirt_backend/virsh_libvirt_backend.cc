@@ -10,26 +10,10 @@
 
 #include "conversion/errors.h"
 #include "process/command_runner.h"
+#include "text/text.h"
 
 namespace orvane {
 namespace {
-
-/// virsh pads its listings with trailing blanks and ends them with an empty line;
-/// leading blanks are kept, so " web" never matches "web".
-std::vector<std::string> splitLines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::size_t start = 0;
-  while (start <= text.size()) {
-    std::size_t end = text.find('\n', start);
-    if (end == std::string::npos) end = text.size();
-    std::string piece = text.substr(start, end - start);
-    std::size_t last = piece.find_last_not_of(" \t\r");
-    piece.erase(last == std::string::npos ? 0 : last + 1);
-    if (!piece.empty()) lines.push_back(std::move(piece));
-    start = end + 1;
-  }
-  return lines;
-}
 
 CommandResult virsh(std::vector<std::string> args, ProgressObserver* progress = nullptr) {
   args.insert(args.begin(), "virsh");
@@ -126,11 +110,9 @@ std::optional<std::string> extractPoolPath(const std::string& poolXml) {
   std::size_t start = open + kOpen.size();
   std::size_t end = poolXml.find(kClose, start);
   if (end == std::string::npos) return std::nullopt;
-  std::string path = poolXml.substr(start, end - start);
-  std::size_t first = path.find_first_not_of(" \t\n\r");
-  if (first == std::string::npos) return std::nullopt;
-  std::size_t last = path.find_last_not_of(" \t\n\r");
-  return path.substr(first, last - first + 1);
+  const std::string_view path = trim(std::string_view(poolXml).substr(start, end - start));
+  if (path.empty()) return std::nullopt;
+  return std::string(path);
 }
 
 bool VirshLibvirtBackend::isReachable() { return virsh({"version"}).ok(); }
@@ -142,7 +124,7 @@ bool VirshLibvirtBackend::networkDefined(const std::string& name) {
 bool VirshLibvirtBackend::networkActive(const std::string& name) {
   CommandResult result = virsh({"net-list", "--name"});
   if (!result.ok()) return false;
-  for (const std::string& line : splitLines(result.stdoutText)) {
+  for (const std::string& line : nonBlankLines(result.stdoutText)) {
     if (line == name) return true;
   }
   return false;
@@ -161,7 +143,7 @@ bool VirshLibvirtBackend::domainExists(const std::string& name) {
 std::vector<std::string> VirshLibvirtBackend::listDomains() {
   CommandResult result = virsh({"list", "--all", "--name"});
   if (!result.ok()) return {};
-  return splitLines(result.stdoutText);
+  return nonBlankLines(result.stdoutText);
 }
 
 std::string VirshLibvirtBackend::dumpDomainXml(const std::string& name) {

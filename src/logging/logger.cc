@@ -1,27 +1,17 @@
 #include "logging/logger.h"
 
-#include <ctime>
 #include <fstream>
 #include <iostream>
+
+#include "text/text.h"
 
 namespace orvane {
 namespace {
 
-/// The current local time as "%Y-%m-%d %H:%M:%S".
-std::string nowTimestamp() {
-  const std::time_t now = std::time(nullptr);
-  std::tm local{};
-  localtime_r(&now, &local);
-  char buffer[32];
-  const std::size_t length =
-      std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M:%S", &local);
-  return std::string(buffer, length);
-}
-
 // The prefixes after "]" are as wide for warnings as for errors, so that messages of
 // both levels line up in a terminal and in the run log.
 std::string stamped(const char* prefix, const std::string& message) {
-  return "[" + nowTimestamp() + "]" + prefix + message;
+  return "[" + strftimeNow("%Y-%m-%d %H:%M:%S") + "]" + prefix + message;
 }
 
 }  // namespace

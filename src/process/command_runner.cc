@@ -1,44 +1,21 @@
 #include "process/command_runner.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <ctime>
 
-#include "process/capture_buffer.h"
+#include "process/child_process.h"
 #include "progress/progress_observer.h"
 
 namespace orvane {
 namespace {
-
-// One read per readiness keeps a chatty child from starving the other pipe and
-// the progress ticks, and bounds what an observer is handed at once. 64 KiB reads
-// capture a multi-GiB output about 1.5 times faster (see docs/performance.md); the
-// tools this program drives print a few KiB, so the chunk size stays at 4 KiB.
-constexpr std::size_t kReadChunk = 4096;
-
-// close() is never retried: after EINTR the descriptor may already be gone, and a
-// retry could close one that another part of the program has just opened.
-void closeFd(int& fd) {
-  if (fd >= 0) {
-    ::close(fd);
-    fd = -1;
-  }
-}
-
-void setNonBlocking(int fd) {
-  const int flags = ::fcntl(fd, F_GETFL);
-  if (flags == -1) return;  // left blocking; poll still tells us when to act
-  ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-}
 
 // A child that stops reading its input turns our write into SIGPIPE, whose default
 // action would kill this program mid-conversion. Pipes have no MSG_NOSIGNAL, so
@@ -70,48 +47,6 @@ ssize_t writeWithoutSigpipe(int fd, const char* data, std::size_t size) {
   return written;
 }
 
-// Only async-signal-safe calls between fork and exec: the argument array was built
-// before the fork.
-[[noreturn]] void execChild(std::array<int, 6> fds, char* const* args) {
-  // The child gets the standard SIGPIPE behaviour even when our caller ignores or
-  // blocks it: an ignored disposition and the signal mask survive exec.
-  struct sigaction dfl {};
-  dfl.sa_handler = SIG_DFL;
-  sigemptyset(&dfl.sa_mask);
-  sigaction(SIGPIPE, &dfl, nullptr);
-  sigset_t pipeOnly;
-  sigemptyset(&pipeOnly);
-  sigaddset(&pipeOnly, SIGPIPE);
-  sigprocmask(SIG_UNBLOCK, &pipeOnly, nullptr);
-
-  // A caller started with 0, 1 or 2 closed gets pipe ends in those slots; moved
-  // above 2 first, none of them is overwritten by one dup2 or closed after another.
-  for (int& fd : fds) {
-    if (fd <= STDERR_FILENO) fd = ::fcntl(fd, F_DUPFD, STDERR_FILENO + 1);
-  }
-  ::dup2(fds[0], STDIN_FILENO);
-  ::dup2(fds[3], STDOUT_FILENO);
-  ::dup2(fds[5], STDERR_FILENO);
-  for (int fd : fds) ::close(fd);
-  ::execvp(args[0], args);
-  ::_exit(127);
-}
-
-// Reads one chunk from `fd` into `text` and the observer; closes `fd` at end of file
-// or on a real error. EAGAIN and EINTR leave it for the next poll.
-void drain(int& fd, std::string& text, ProgressObserver* progress) {
-  char buffer[kReadChunk];
-  const ssize_t count = ::read(fd, buffer, sizeof buffer);
-  if (count > 0) {
-    const std::string_view chunk(buffer, static_cast<std::size_t>(count));
-    appendCaptured(text, chunk);
-    if (progress != nullptr) progress->onOutput(chunk);
-    return;
-  }
-  if (count == -1 && (errno == EAGAIN || errno == EINTR)) return;
-  closeFd(fd);
-}
-
 using Clock = std::chrono::steady_clock;
 
 // Asks the child to stop once the caller's flag is set: SIGTERM first, so that it can
@@ -119,36 +54,133 @@ using Clock = std::chrono::steady_clock;
 // signalled only while it has not been reaped, so a recycled pid is never hit.
 class StopRequest {
  public:
-  StopRequest(pid_t pid, const volatile std::sig_atomic_t* flag) : pid_(pid), flag_(flag) {}
+  explicit StopRequest(const volatile std::sig_atomic_t* flag) : flag_(flag) {}
 
   /// Acts on the flag; true once the child has been asked to stop.
-  bool update() {
+  bool update(pid_t pid) {
     if (!asked_ && (flag_ == nullptr || *flag_ == 0)) return false;
     const Clock::time_point now = Clock::now();
     if (!asked_) {
-      ::kill(pid_, SIGTERM);
+      ::kill(pid, SIGTERM);
       asked_ = true;
       askedAt_ = now;
     } else if (!killed_ && now - askedAt_ >= std::chrono::milliseconds(kStopGraceMs)) {
-      ::kill(pid_, SIGKILL);
+      ::kill(pid, SIGKILL);
       killed_ = true;
     }
     return true;
   }
 
  private:
-  pid_t pid_;
   const volatile std::sig_atomic_t* flag_;
   bool asked_ = false;
   bool killed_ = false;
   Clock::time_point askedAt_;
 };
 
-int mapStatus(int status) {
-  if (WIFEXITED(status)) return WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-  return -1;
-}
+// One command from start to exit code: the child, how much of its input it has
+// taken, when the observer was last ticked, and whether it was asked to stop.
+class RunningCommand {
+ public:
+  explicit RunningCommand(const CommandOptions& options)
+      : options_(options), progress_(options.progress), stop_(options.stopFlag) {}
+
+  bool start(const std::vector<std::string>& argv) {
+    if (!child_.spawn(argv, SpawnOptions{})) return false;
+    if (options_.stdinData.empty()) closeFd(child_.in);
+    lastTick_ = Clock::now();
+    return true;
+  }
+
+  /// Feeds the input and reads both outputs until the child closes them or, once
+  /// asked to stop, until it has exited.
+  void pump() {
+    // A stop flag is only read when poll wakes, so it needs the tick as a timeout too.
+    const int timeoutMs = progress_ != nullptr || options_.stopFlag != nullptr
+                              ? options_.tickIntervalMs
+                              : -1;
+    while (child_.out.open() || child_.err.open()) {
+      // EINTR: a signal handler ran (the conversion's only records the signal); the
+      // descriptors are not looked at, but the stop flag below is. Reads and writes
+      // treat EINTR like EAGAIN; waitpid is retried in place; close is never retried.
+      const ChildProcess::Ready ready = child_.wait(true, timeoutMs);
+      if (ready.error != 0 && ready.error != EINTR) return;
+      if (ready.in) feedInput();
+      if (ready.out) child_.out.readReady(progress_);
+      if (ready.err) child_.err.readReady(progress_);
+      tick();
+      // Once asked to stop, the child's end is what counts, not the end of its pipes:
+      // a grandchild may hold them open for as long as it likes.
+      if (stop_.update(child_.pid) && ::waitpid(child_.pid, &status_, WNOHANG) == child_.pid) {
+        reaped_ = true;
+        return;
+      }
+    }
+  }
+
+  /// Closes our ends, waits for the child, tells the observer it is over, and hands
+  /// what it wrote and its exit code to `result`.
+  void finish(CommandResult& result) {
+    child_.closeAll();
+    int exitCode = -1;
+    if (reaped_) {
+      exitCode = exitCodeOf(status_);
+    } else if (options_.stopFlag == nullptr) {
+      exitCode = waitForExit(child_.pid);
+    } else {
+      exitCode = waitWhileStoppable();
+    }
+    if (progress_ != nullptr) progress_->onFinish();
+    result.exitCode = exitCode;
+    result.stdoutText = std::move(child_.out.text);
+    result.stderrText = std::move(child_.err.text);
+  }
+
+ private:
+  void feedInput() {
+    const std::string& input = options_.stdinData;
+    const ssize_t count =
+        writeWithoutSigpipe(child_.in, input.data() + written_, input.size() - written_);
+    if (count > 0) {
+      written_ += static_cast<std::size_t>(count);
+    } else if (count == -1 && errno != EAGAIN && errno != EINTR) {
+      closeFd(child_.in);  // typically EPIPE: the child closed its input
+    }
+    if (written_ == input.size()) closeFd(child_.in);
+  }
+
+  void tick() {
+    if (progress_ == nullptr) return;
+    const Clock::time_point now = Clock::now();
+    const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(now - lastTick_);
+    if (elapsed.count() >= options_.tickIntervalMs) {
+      progress_->onTick();
+      lastTick_ = now;
+    }
+  }
+
+  // A child that closed its pipes may still run; with a stop flag the wait must
+  // stay able to act on it, so it is a short-interval poll instead of a block.
+  int waitWhileStoppable() {
+    constexpr int kReapPollMs = 10;
+    pid_t waited;
+    while ((waited = ::waitpid(child_.pid, &status_, WNOHANG)) == 0 ||
+           (waited == -1 && errno == EINTR)) {
+      stop_.update(child_.pid);
+      ::poll(nullptr, 0, kReapPollMs);
+    }
+    return waited == child_.pid ? exitCodeOf(status_) : -1;
+  }
+
+  const CommandOptions& options_;
+  ProgressObserver* const progress_;
+  ChildProcess child_;
+  StopRequest stop_;
+  std::size_t written_ = 0;
+  Clock::time_point lastTick_;
+  int status_ = 0;
+  bool reaped_ = false;
+};
 
 }  // namespace
 
@@ -156,138 +188,10 @@ CommandResult runCommand(const std::vector<std::string>& argv,
                          const CommandOptions& options) {
   CommandResult result;
   if (argv.empty()) return result;
-
-  // in read, in write, out read, out write, err read, err write
-  std::array<int, 6> fds{-1, -1, -1, -1, -1, -1};
-  for (std::size_t i = 0; i < fds.size(); i += 2) {
-    int ends[2];
-    if (::pipe(ends) != 0) {
-      for (int& fd : fds) closeFd(fd);
-      return result;
-    }
-    fds[i] = ends[0];
-    fds[i + 1] = ends[1];
-  }
-
-  std::vector<char*> args;
-  args.reserve(argv.size() + 1);
-  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-  args.push_back(nullptr);
-
-  const pid_t pid = ::fork();
-  if (pid == -1) {
-    for (int& fd : fds) closeFd(fd);
-    return result;
-  }
-  if (pid == 0) execChild(fds, args.data());
-
-  closeFd(fds[0]);
-  closeFd(fds[3]);
-  closeFd(fds[5]);
-  int inFd = fds[1];
-  int outFd = fds[2];
-  int errFd = fds[4];
-  setNonBlocking(inFd);
-  setNonBlocking(outFd);
-  setNonBlocking(errFd);
-
-  const std::string& input = options.stdinData;
-  if (input.empty()) closeFd(inFd);
-
-  ProgressObserver* const progress = options.progress;
-  // A stop flag is only read when poll wakes, so it needs the tick as a timeout too.
-  const int timeoutMs =
-      progress != nullptr || options.stopFlag != nullptr ? options.tickIntervalMs : -1;
-  StopRequest stop(pid, options.stopFlag);
-  int status = 0;
-  bool reaped = false;
-  Clock::time_point lastTick = Clock::now();
-  std::size_t written = 0;
-
-  constexpr short kReadyToWrite = POLLOUT | POLLERR | POLLHUP;
-  constexpr short kReadyToRead = POLLIN | POLLERR | POLLHUP;
-  while (outFd >= 0 || errFd >= 0) {
-    std::array<pollfd, 3> set{};
-    nfds_t used = 0;
-    int inSlot = -1, outSlot = -1, errSlot = -1;
-    if (inFd >= 0) {
-      inSlot = static_cast<int>(used);
-      set[used++] = pollfd{inFd, POLLOUT, 0};
-    }
-    if (outFd >= 0) {
-      outSlot = static_cast<int>(used);
-      set[used++] = pollfd{outFd, POLLIN, 0};
-    }
-    if (errFd >= 0) {
-      errSlot = static_cast<int>(used);
-      set[used++] = pollfd{errFd, POLLIN, 0};
-    }
-
-    // EINTR: a signal handler ran (the conversion's only records the signal); the
-    // descriptors are not looked at, but the stop flag below is. Reads and writes
-    // treat EINTR like EAGAIN; waitpid is retried in place; close is never retried.
-    if (::poll(set.data(), used, timeoutMs) == -1) {
-      if (errno != EINTR) break;
-      for (pollfd& entry : set) entry.revents = 0;
-    }
-
-    if (inSlot >= 0 && (set[inSlot].revents & kReadyToWrite) != 0) {
-      const ssize_t count =
-          writeWithoutSigpipe(inFd, input.data() + written, input.size() - written);
-      if (count > 0) {
-        written += static_cast<std::size_t>(count);
-      } else if (count == -1 && errno != EAGAIN && errno != EINTR) {
-        closeFd(inFd);  // typically EPIPE: the child closed its input
-      }
-      if (written == input.size()) closeFd(inFd);
-    }
-    if (outSlot >= 0 && (set[outSlot].revents & kReadyToRead) != 0) {
-      drain(outFd, result.stdoutText, progress);
-    }
-    if (errSlot >= 0 && (set[errSlot].revents & kReadyToRead) != 0) {
-      drain(errFd, result.stderrText, progress);
-    }
-
-    if (progress != nullptr) {
-      const Clock::time_point now = Clock::now();
-      const auto elapsed =
-          std::chrono::duration_cast<std::chrono::milliseconds>(now - lastTick);
-      if (elapsed.count() >= options.tickIntervalMs) {
-        progress->onTick();
-        lastTick = now;
-      }
-    }
-
-    // Once asked to stop, the child's end is what counts, not the end of its pipes:
-    // a grandchild may hold them open for as long as it likes.
-    if (stop.update() && ::waitpid(pid, &status, WNOHANG) == pid) {
-      reaped = true;
-      break;
-    }
-  }
-
-  closeFd(inFd);
-  closeFd(outFd);
-  closeFd(errFd);
-
-  pid_t waited = reaped ? pid : -1;
-  if (!reaped && options.stopFlag == nullptr) {
-    do {
-      waited = ::waitpid(pid, &status, 0);
-    } while (waited == -1 && errno == EINTR);
-  } else if (!reaped) {
-    // A child that closed its pipes may still run; with a stop flag the wait must
-    // stay able to act on it, so it is a short-interval poll instead of a block.
-    constexpr int kReapPollMs = 10;
-    while ((waited = ::waitpid(pid, &status, WNOHANG)) == 0 ||
-           (waited == -1 && errno == EINTR)) {
-      stop.update();
-      ::poll(nullptr, 0, kReapPollMs);
-    }
-  }
-
-  if (progress != nullptr) progress->onFinish();
-  if (waited == pid) result.exitCode = mapStatus(status);
+  RunningCommand command(options);
+  if (!command.start(argv)) return result;
+  command.pump();
+  command.finish(result);
   return result;
 }
 

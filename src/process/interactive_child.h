@@ -1,11 +1,11 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <csignal>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "process/child_process.h"
 
 namespace orvane {
 
@@ -49,7 +49,7 @@ class InteractiveChild {
   int stop();
 
   /// Everything the child wrote to standard error so far.
-  const std::string& errorText() const { return errorText_; }
+  const std::string& errorText() const { return child_.err.text; }
   /// True once the stop flag has been seen.
   bool stopRequested() const { return stopRequested_; }
 
@@ -61,15 +61,10 @@ class InteractiveChild {
   int reap();
 
   Options options_;
-  pid_t pid_ = -1;
-  int inFd_ = -1;
-  int outFd_ = -1;
-  int errFd_ = -1;
+  ChildProcess child_;  ///< its standard output holds what no exchange has taken yet
   int exitCode_ = -1;
   bool reaped_ = false;
   bool stopRequested_ = false;
-  std::string pendingOut_;
-  std::string errorText_;
   long long lastTickMs_ = 0;
 };
 

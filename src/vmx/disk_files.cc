@@ -194,7 +194,7 @@ class DiskChecker {
     const std::string p = path.string();
     if (f.empty()) return false;
     if (f == "/") return p.size() > 1 && p.front() == '/';
-    return p.size() > f.size() + 1 && p.compare(0, f.size(), f) == 0 &&
+    return p.size() > f.size() + 1 && p.starts_with(f) &&
            p[f.size()] == '/';
   }
 

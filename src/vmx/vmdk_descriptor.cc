@@ -14,30 +14,13 @@
 #include <string>
 #include <string_view>
 
+#include "text/text.h"
 #include "vmx/vmx_reader.h"
 
 namespace orvane {
 namespace {
 
-std::string_view trim(std::string_view s) {
-  std::size_t begin = 0;
-  std::size_t end = s.size();
-  while (begin < end && std::isspace(static_cast<unsigned char>(s[begin]))) ++begin;
-  while (end > begin && std::isspace(static_cast<unsigned char>(s[end - 1]))) --end;
-  return s.substr(begin, end - begin);
-}
-
-std::string toLower(std::string_view s) {
-  std::string out(s);
-  for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return out;
-}
-
 constexpr std::string_view kLongestKeyPrefix = "parentfilenamehint";
-
-bool startsWith(std::string_view s, std::string_view prefix) {
-  return s.substr(0, prefix.size()) == prefix;
-}
 
 /// `parentFileNameHint="x"`: a non-empty quoted name. An empty hint is what a
 /// base disk may carry, so it says nothing.
@@ -54,11 +37,9 @@ bool cidNamesParent(std::string_view line) {
   if (eq == std::string_view::npos) return false;
   std::string hex;
   for (char c : line.substr(eq + 1)) {
-    if (std::isxdigit(static_cast<unsigned char>(c))) {
-      hex.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
-    }
+    if (std::isxdigit(static_cast<unsigned char>(c))) hex.push_back(c);
   }
-  return !hex.empty() && hex != "ffffffff";
+  return !hex.empty() && toLowerAscii(hex) != "ffffffff";
 }
 
 std::uint64_t littleEndian64(std::string_view bytes, std::size_t at) {
@@ -78,7 +59,7 @@ std::optional<std::string> extentName(std::string_view line) {
          !std::isspace(static_cast<unsigned char>(trimmed[wordEnd]))) {
     ++wordEnd;
   }
-  const std::string access = toLower(trimmed.substr(0, wordEnd));
+  const std::string access = toLowerAscii(trimmed.substr(0, wordEnd));
   if (access != "rw" && access != "rdonly" && access != "noaccess") return std::nullopt;
   const std::size_t open = trimmed.find('"', wordEnd);
   if (open == std::string_view::npos) return std::nullopt;
@@ -91,7 +72,8 @@ std::optional<std::string> extentName(std::string_view line) {
 /// The value of a `createType="..."` line, quotes dropped.
 std::optional<std::string> createTypeValue(std::string_view line) {
   const std::size_t eq = line.find('=');
-  if (eq == std::string_view::npos || toLower(trim(line.substr(0, eq))) != "createtype") {
+  if (eq == std::string_view::npos ||
+      toLowerAscii(trim(line.substr(0, eq))) != "createtype") {
     return std::nullopt;
   }
   std::string_view value = trim(line.substr(eq + 1));
@@ -108,12 +90,7 @@ DescriptorInfo parseDescriptor(std::string_view text) {
   text = text.substr(0, text.find('\0'));
   DescriptorInfo info;
   bool haveCreateType = false;
-  std::size_t start = 0;
-  while (start <= text.size()) {
-    std::size_t end = text.find('\n', start);
-    if (end == std::string_view::npos) end = text.size();
-    const std::string_view line = text.substr(start, end - start);
-    start = end + 1;
+  for (std::string_view line : splitLines(text)) {
     if (std::optional<std::string> name = extentName(line)) {
       info.extents.push_back(std::move(*name));
     } else if (std::optional<std::string> type = createTypeValue(line);
@@ -126,7 +103,7 @@ DescriptorInfo parseDescriptor(std::string_view text) {
 }
 
 bool isRawDeviceCreateType(std::string_view createType) {
-  const std::string type = toLower(trim(createType));
+  const std::string type = toLowerAscii(trim(createType));
   return type == "fulldevice" || type == "partitioneddevice" ||
          type == "vmfsrawdevicemap" || type == "vmfspassthroughrawdevicemap";
 }
@@ -135,7 +112,7 @@ std::optional<SparseHeader> sparseHeader(std::string_view head) {
   // magic, version, flags (4 bytes each), capacity, grain size, descriptor
   // offset, descriptor size (8 bytes each), all little-endian.
   constexpr std::size_t kHeaderFields = 44;
-  if (head.size() < kHeaderFields || head.substr(0, 4) != "KDMV") return std::nullopt;
+  if (head.size() < kHeaderFields || !head.starts_with("KDMV")) return std::nullopt;
   SparseHeader header;
   header.capacity = littleEndian64(head, 12);
   header.descriptorOffset = littleEndian64(head, 28);
@@ -143,7 +120,7 @@ std::optional<SparseHeader> sparseHeader(std::string_view head) {
   return header;
 }
 
-bool isLegacySparse(std::string_view head) { return head.substr(0, 4) == "COWD"; }
+bool isLegacySparse(std::string_view head) { return head.starts_with("COWD"); }
 
 int openRegularFile(const std::string& path) {
   // Checked before the open, because opening a FIFO waits for a writer and
@@ -186,20 +163,14 @@ std::string readAt(int fd, std::uint64_t offset, std::size_t max) {
 
 bool descriptorHasParent(std::string_view descriptorHead) {
   const std::string_view text = descriptorHead.substr(0, kDescriptorScanBytes);
-  std::size_t start = 0;
-  while (start <= text.size()) {
-    std::size_t end = text.find('\n', start);
-    if (end == std::string_view::npos) end = text.size();
-    const std::string_view line = text.substr(start, end - start);
-    start = end + 1;
-
+  for (std::string_view line : splitLines(text)) {
     // Either kind of evidence settles the answer, so the scan stops at the first.
     // Only the start of the key is compared, so only that much is lower-cased:
     // the head of a binary extent may be one line of 64 KiB.
-    const std::string testKey = toLower(trim(line).substr(0, kLongestKeyPrefix.size()));
-    if (startsWith(testKey, kLongestKeyPrefix)) {
+    const std::string testKey = toLowerAscii(trim(line).substr(0, kLongestKeyPrefix.size()));
+    if (testKey.starts_with(kLongestKeyPrefix)) {
       if (hintNamesParent(line)) return true;
-    } else if (startsWith(testKey, "parentcid")) {
+    } else if (testKey.starts_with("parentcid")) {
       if (cidNamesParent(line)) return true;
     }
   }

@@ -20,6 +20,7 @@
 #include <string_view>
 
 #include "conversion/errors.h"
+#include "text/text.h"
 
 namespace orvane {
 namespace {
@@ -31,24 +32,11 @@ struct Entry {
   std::string value;
 };
 
-std::string_view trim(std::string_view s) {
-  std::size_t begin = 0;
-  std::size_t end = s.size();
-  while (begin < end && std::isspace(static_cast<unsigned char>(s[begin]))) ++begin;
-  while (end > begin && std::isspace(static_cast<unsigned char>(s[end - 1]))) --end;
-  return s.substr(begin, end - begin);
-}
-
-std::string toLower(std::string s) {
-  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return s;
-}
-
 std::string valueOr(std::string value, const char* fallback) {
   return value.empty() ? std::string(fallback) : value;
 }
 
-bool isTrue(const std::string& value) { return toLower(value) == "true"; }
+bool isTrue(const std::string& value) { return toLowerAscii(value) == "true"; }
 
 /// The value of the first entry with exactly this key, "" when there is none. The
 /// first occurrence wins even when it is empty and a later one is not.
@@ -73,23 +61,13 @@ void parseLine(std::string_view line, std::vector<Entry>& entries) {
     const std::size_t close = line.find('"', open + 1);
     if (close != std::string_view::npos) value = line.substr(open + 1, close - open - 1);
   }
-  entries.push_back({toLower(std::string(key)), std::string(value)});
+  entries.push_back({toLowerAscii(key), std::string(value)});
 }
 
 std::vector<Entry> parseEntries(std::string_view text) {
   std::vector<Entry> entries;
-  std::size_t start = 0;
-  while (start <= text.size()) {
-    std::size_t end = text.find('\n', start);
-    if (end == std::string_view::npos) end = text.size();
-    if (end > start) parseLine(text.substr(start, end - start), entries);
-    start = end + 1;
-  }
+  for (std::string_view line : splitLines(text)) parseLine(line, entries);
   return entries;
-}
-
-bool startsWith(std::string_view s, std::string_view prefix) {
-  return s.substr(0, prefix.size()) == prefix;
 }
 
 /// Whether `key` fully matches `pattern`, for the key patterns below only.
@@ -108,31 +86,27 @@ bool keyMatches(std::string_view key, const std::regex& pattern) {
   return std::regex_match(shortened, pattern);
 }
 
-bool endsWith(std::string_view s, std::string_view suffix) {
-  return s.size() >= suffix.size() && s.substr(s.size() - suffix.size()) == suffix;
-}
-
 // The prefix and suffix tests in front of the regular expressions below only
 // spare the regex engine the keys that cannot match; the expression decides.
 
 bool isDiskFileKey(const std::string& key) {
   static const std::regex kDiskKey("^(scsi|sata|nvme|ide)[0-9]+:[0-9]+\\.filename$",
                                    std::regex::ECMAScript);
-  const bool plausibleBus = startsWith(key, "scsi") || startsWith(key, "sata") ||
-                            startsWith(key, "nvme") || startsWith(key, "ide");
-  return plausibleBus && endsWith(key, ".filename") && keyMatches(key, kDiskKey);
+  const bool plausibleBus = key.starts_with("scsi") || key.starts_with("sata") ||
+                            key.starts_with("nvme") || key.starts_with("ide");
+  return plausibleBus && key.ends_with(".filename") && keyMatches(key, kDiskKey);
 }
 
 bool isPassthroughPresentKey(const std::string& key) {
   static const std::regex kPassthroughKey("^pcipassthru[0-9]+\\.present$",
                                           std::regex::ECMAScript);
-  return startsWith(key, "pcipassthru") && endsWith(key, ".present") &&
+  return key.starts_with("pcipassthru") && key.ends_with(".present") &&
          keyMatches(key, kPassthroughKey);
 }
 
 bool isSerialPresentKey(const std::string& key) {
   static const std::regex kSerialKey("^serial[0-9]+\\.present$", std::regex::ECMAScript);
-  return startsWith(key, "serial") && endsWith(key, ".present") &&
+  return key.starts_with("serial") && key.ends_with(".present") &&
          keyMatches(key, kSerialKey);
 }
 
@@ -165,9 +139,9 @@ bool diskBefore(std::string_view a, std::string_view b) {
 std::string hardDiskFileName(const std::vector<Entry>& entries,
                              const std::string& prefix) {
   const std::string fileName = firstValue(entries, prefix + ".filename");
-  if (fileName.empty() || !endsWith(toLower(fileName), ".vmdk")) return "";
+  if (fileName.empty() || !endsWithLower(fileName, ".vmdk")) return "";
   if (!isTrue(firstValue(entries, prefix + ".present"))) return "";
-  const std::string deviceType = toLower(firstValue(entries, prefix + ".devicetype"));
+  const std::string deviceType = toLowerAscii(firstValue(entries, prefix + ".devicetype"));
   for (const char* removable : {"cdrom", "atapi", "floppy"}) {
     if (deviceType.find(removable) != std::string::npos) return "";
   }
@@ -224,13 +198,8 @@ bool applyHddOrder(std::string_view hddOrder, std::vector<Disk>& disks) {
     byDevice.emplace(deviceKey(disks[i].device), i);
   std::vector<bool> moved(disks.size(), false);
   std::vector<Disk> ordered;
-  std::size_t start = 0;
-  while (start <= hddOrder.size()) {
-    std::size_t end = hddOrder.find(',', start);
-    if (end == std::string_view::npos) end = hddOrder.size();
-    const auto found = byDevice.find(
-        deviceKey(toLower(std::string(trim(hddOrder.substr(start, end - start))))));
-    start = end + 1;
+  for (std::string_view device : split(hddOrder, ',')) {
+    const auto found = byDevice.find(deviceKey(toLowerAscii(trim(device))));
     if (found == byDevice.end() || moved[found->second]) continue;
     moved[found->second] = true;
     ordered.push_back(std::move(disks[found->second]));
@@ -252,7 +221,7 @@ struct NicKeys {
 /// "ethernet12.address" -> index "12", field "address"; false for other keys.
 bool splitNicKey(std::string_view key, std::string_view& index, std::string_view& field) {
   constexpr std::string_view kPrefix = "ethernet";
-  if (!startsWith(key, kPrefix)) return false;
+  if (!key.starts_with(kPrefix)) return false;
   const std::size_t dot = key.find('.', kPrefix.size());
   if (dot == std::string_view::npos || dot == kPrefix.size()) return false;
   index = key.substr(kPrefix.size(), dot - kPrefix.size());
@@ -292,10 +261,10 @@ std::vector<std::string> nicMacs(const std::vector<Entry>& entries) {
   std::vector<std::string> macs;
   for (const std::string& index : order) {
     const NicKeys& nic = nics.find(index)->second;
-    if (toLower(nic.present.value_or("")) == "false") continue;
+    if (toLowerAscii(nic.present.value_or("")) == "false") continue;
     const std::string address = nic.address.value_or("");
     const std::string generated = nic.generatedAddress.value_or("");
-    const bool isStatic = toLower(nic.addressType.value_or("")) == "static";
+    const bool isStatic = toLowerAscii(nic.addressType.value_or("")) == "static";
     macs.push_back(!address.empty() && (isStatic || generated.empty()) ? address
                                                                        : generated);
   }
@@ -315,8 +284,8 @@ VmxData parseVmxText(const std::string& text, const std::string& vmFolder) {
   data.displayName = firstValue(entries, "displayname");
   data.numVcpus = valueOr(firstValue(entries, "numvcpus"), "1");
   data.memSize = firstValue(entries, "memsize");
-  data.guestOs = toLower(firstValue(entries, "guestos"));
-  data.firmware = valueOr(toLower(firstValue(entries, "firmware")), "bios");
+  data.guestOs = toLowerAscii(firstValue(entries, "guestos"));
+  data.firmware = valueOr(toLowerAscii(firstValue(entries, "firmware")), "bios");
 
   data.macAddresses = nicMacs(entries);
   for (const Entry& entry : entries) {
