@@ -274,7 +274,7 @@ boot() { # IMAGE XML: prints booted, gave-up or timeout
   [[ $bus == sata && $m != *q35* ]] && dev=(-device ahci,id=sata0 -device ide-hd,drive=d0,bus=sata0.0)
   : >"$serial"
   timeout 600 qemu-system-x86_64 -machine "${m:-pc}" -accel tcg -m 512 -nodefaults -display none \
-    -no-reboot -serial "file:$serial" "${fw[@]}" -drive "file=$1,if=none,id=d0,snapshot=on" "${dev[@]}" &
+    -no-reboot -serial "file:$serial" "${fw[@]}" -drive "file=$1,if=none,id=d0,snapshot=on" "${dev[@]}" 2>"$work/qemu.log" &
   pid=$!
   for ((i = 0; i < 6000; i++)); do
     grep -qa ORVANE-BOOT-OK "$serial" && { kill $pid 2>/dev/null; echo booted; return; }
