@@ -71,7 +71,6 @@ subst() { # the text with the row's placeholders filled in
 
 make_raw() { # PATH SIZE CONTENT
   case $3 in
-  blank) truncate -s "$2" "$1" ;;
   random) head -c "$2" /dev/urandom >"$1" ;;
   # Data at the start, in the middle, across VMware's 2 GiB extent boundary, at the end.
   pattern) truncate -s "$2" "$1" && pattern_ops write && qemu-io -f raw "${ops[@]}" "$1" >/dev/null ;;
@@ -110,10 +109,18 @@ make_folder() { # TEMPLATE|name=..|dir=..|vmx=..|disk=KEY,FILE,SUBFORMAT,SIZE,CO
     fi
     [[ $ctl == scsi* ]] && adapter=lsilogic
     text+=$'\n'"$key.fileName = \"$file\""$'\n'"$key.present = \"TRUE\""
-    make_raw "$work/raw$i" "$size" "$content" &&
-      qemu-img convert -q -f raw -O vmdk -o "subformat=$sub,adapter_type=$adapter" \
-        "$work/raw$i" "$src/$file" || return 1
-    rm -f "$work/raw$i"
+    local opts=subformat=$sub,adapter_type=$adapter
+    # Written in place where the layout allows: no copy of gigabytes through a raw file.
+    case $content-$sub in
+    blank-* | pattern-[mt]* | random-monolithicFlat)
+      qemu-img create -q -f vmdk -o "$opts" "$src/$file" "$size" || return 1
+      case $content in
+      pattern) pattern_ops write && qemu-io -f vmdk "${ops[@]}" "$src/$file" >/dev/null ;;
+      random) head -c "$size" /dev/urandom | dd of="$src/${file%.vmdk}-flat.vmdk" conv=notrunc status=none ;;
+      esac ;;
+    *) make_raw "$work/raw$i" "$size" "$content" &&
+      qemu-img convert -q -f raw -O vmdk -o "$opts" "$work/raw$i" "$src/$file" && rm "$work/raw$i" ;;
+    esac || return 1
     disks+=("$src/$file")
     i=$((i + 1))
   done
@@ -331,9 +338,14 @@ check() { # one check column
   control) # the same source converted without the fix, on the same hardware: no boot
     qemu-img convert -O qcow2 "${disks[0]}" "$work/unfixed.qcow2"
     [ "$(boot "$work/unfixed.qcow2" "$(virsh dumpxml --inactive "$vm")")" = gave-up ] || fail "the unfixed disk did not give up" ;;
-  starts) # what was defined is a domain libvirt really starts (a UEFI one gets its variables)
+  starts) # libvirt starts what was defined; once a UEFI guest has its variable store,
+    # the program's rollback form of undefine (with --nvram) still removes it, store and all
+    local nvram
     virsh start "$vm" >/dev/null || fail "libvirt cannot start $vm"
-    virsh destroy "$vm" >/dev/null 2>&1 ;;
+    nvram=$(virsh dumpxml "$vm" | sed -n 's:.*<nvram[^>]*>\(.*\)</nvram>.*:\1:p')
+    virsh destroy "$vm" >/dev/null 2>&1
+    [ -f "$nvram" ] && virsh undefine "$vm" --nvram >/dev/null && [ ! -e "$nvram" ] ||
+      fail "undefine --nvram did not remove $vm and its variable store '$nvram'" ;;
   vol) virsh vol-list default | awk '{print $1}' | grep -qxF "$arg" || fail "the pool does not list $arg" ;;
   retry) # room again: the same run now succeeds, with nothing to clear by hand
     mount -o remount,size=128m "$out"
