@@ -2,6 +2,10 @@
 # Builds a tiny bootable raw disk image for the boot proof, from this host's packages only.
 #
 #   build-guest-disk.sh uefi|bios KERNEL OUTPUT
+#   build-guest-disk.sh layout LAYOUT OUTPUT
+#
+# layout: a 64 MiB GPT disk whose partitions and files a layout file lists ("part vfat esp",
+#         "part ext4", then "/path content" lines), built without a guestfish launch.
 #
 # Both guests boot KERNEL with an initramfs whose /init prints ORVANE-BOOT-OK on the
 # serial console (ttyS0) and powers the machine off, so a boot is proven by one line.
@@ -14,6 +18,45 @@
 #       core.img from sector 1, as the BIOS installer would place them, without needing a
 #       loop device), and a FAT32 partition holding /boot/grub/grub.cfg, kernel, initramfs.
 set -eu
+
+if [ "$1" = layout ]; then
+  layout=$2 output=$3
+  work=$(mktemp -d /var/tmp/e2e-layout.XXXXXX)
+  trap 'rm -rf "$work"' EXIT
+  export MTOOLS_SKIP_CHECK=1
+  n=$(grep -c '^part ' "$layout")
+  size=$((62 / n))
+  i=0 table='label: gpt'
+  while read -r first rest; do
+    case $first in
+    '' | '#'*) ;;
+    part)
+      i=$((i + 1))
+      set -- $rest
+      table="$table
+start=$((2048 + (i - 1) * size * 2048)), size=$((size * 2048))${2:+, type=C12A7328-F81F-11D2-BA4B-00A0C93EC93B}"
+      echo "$1" >"$work/fs$i"
+      mkdir "$work/p$i" ;;
+    *)
+      mkdir -p "$work/p$i$(dirname "$first")"
+      printf '%s' "$rest" >"$work/p$i$first" ;;
+    esac
+  done <"$layout"
+  truncate -s 64M "$work/disk.raw"
+  echo "$table" | sfdisk -q "$work/disk.raw"
+  for j in $(seq "$i"); do
+    if [ "$(cat "$work/fs$j")" = vfat ]; then
+      mkfs.vfat -C "$work/part$j" $((size * 1024)) >/dev/null
+      (cd "$work/p$j" && find . -mindepth 1 -type d | sed 's,^\.,::,' | xargs -r mmd -i "$work/part$j" &&
+        find . -type f | sed 's,^\./,,' | while read -r f; do mcopy -i "$work/part$j" "$f" "::$f"; done)
+    else
+      mkfs.ext4 -q -d "$work/p$j" "$work/part$j" $((size * 1024))k >/dev/null 2>&1
+    fi
+    dd if="$work/part$j" of="$work/disk.raw" bs=1M seek=$((1 + (j - 1) * size)) conv=notrunc status=none
+  done
+  mv "$work/disk.raw" "$output"
+  exit 0
+fi
 
 kind=$1
 kernel=$2
