@@ -68,7 +68,8 @@ TEST_P(Scenario, LeavesWhatItsGoldenSays) {
   for (std::string& word : words) argv.push_back(word.data());
   const std::string sourceBefore = listing(host.src), path = std::getenv("PATH");
   const std::string tools = host.get("tools").empty() ? "all" : host.get("tools");
-  setenv("PATH", (kData + "tools/" + tools).c_str(), 1);  // none of the host's own
+  // None of the host's own tools; empty elements must not stand for the current folder.
+  tools == "unset" ? unsetenv("PATH") : setenv("PATH", ("::" + kData + "tools/" + tools + ":").c_str(), 1);
   fs::remove_all(kTestRunLogDir);
   fs::remove(kTestAppLog);
 
