@@ -29,6 +29,7 @@ struct Seen : ProgressObserver {
 // child must get the default action all the same, and a closed input must not kill
 // us); as one started with 0, 1 and 2 closed, so that the pipes take those numbers.
 TEST(RunCommand, EveryChildOfTheTableEndsAsItSays) {
+  const auto table = testing::readTable(ORVANE_SOURCE_DIR "/tests/process/children.tsv");
   for (const int pass : {0, 1, 2}) {
     struct sigaction pipeAction {}, saved {};
     pipeAction.sa_handler = pass == 1 ? SIG_IGN : SIG_DFL;
@@ -37,7 +38,7 @@ TEST(RunCommand, EveryChildOfTheTableEndsAsItSays) {
     sigemptyset(&pipeOnly);
     sigaddset(&pipeOnly, SIGPIPE);
     sigprocmask(pass == 1 ? SIG_BLOCK : SIG_UNBLOCK, &pipeOnly, &savedMask);
-    for (const auto& f : testing::readTable(ORVANE_SOURCE_DIR "/tests/process/children.tsv")) {
+    for (const auto& f : table) {
       Seen seen;
       int kept[3];
       for (int fd = 0; fd < 3 && pass == 2; ++fd) kept[fd] = ::fcntl(fd, F_DUPFD_CLOEXEC, 10), ::close(fd);
