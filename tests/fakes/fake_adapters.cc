@@ -1,103 +1,118 @@
 #include "fakes/fake_adapters.h"
 
+#include <csignal>
 #include <fstream>
+#include <sstream>
+#include <stdexcept>
 
+#include "boot_fixer/boot_fixer.h"
 #include "conversion/errors.h"
-#include "progress/progress_observer.h"
+#include "disk_converter/disk_converter.h"
+#include "domain_xml_builder/domain_xml_builder.h"
+#include "libvirt_backend/libvirt_backend.h"
+#include "support/console_lines.h"
 
 namespace orvane::testing {
+namespace {
 
-bool FakeLibvirtBackend::isReachable() {
-  calls.push_back("isReachable");
-  return reachable;
+FakeHost& h = fakeHost();
+
+/// Logs the call and returns the '|'-separated fields of its answer (at least three).
+std::vector<std::string> ask(std::string call, const std::vector<std::string>& items = {}) {
+  for (const std::string& item : items) call += " " + item;
+  replaceAll(call, h.src, "{src}");
+  replaceAll(call, h.out, "{out}");
+  h.calls.push_back(call);
+  std::string answer;
+  if (auto it = h.says.find(call); it != h.says.end()) answer = it->second, h.says.erase(it);
+  if (const std::string signo = h.get("raise " + call); !signo.empty()) std::raise(std::stoi(signo));
+  if (answer.starts_with("throw ")) throw std::runtime_error(answer.substr(6));
+  if (answer.starts_with("fail ")) throw V2vError(answer.substr(5));
+  std::vector<std::string> fields(3);
+  std::istringstream in(answer);
+  for (std::size_t i = 0; std::getline(in, answer, '|'); ++i) {
+    i < 3 ? fields[i] = answer : fields.emplace_back(answer);
+  }
+  return fields;
 }
 
-bool FakeLibvirtBackend::networkDefined(const std::string& name) {
-  calls.push_back("networkDefined " + name);
-  return networkIsDefined;
+bool yes(const std::string& call) { return ask(call)[0] != "no"; }
+int number(const std::string& text) { return text.empty() ? 0 : std::stoi(text); }
+
+struct Libvirt : LibvirtBackend {
+  bool isReachable() override { return yes("virsh version"); }
+  bool networkDefined(const std::string& n) override { return yes("virsh net-info " + n); }
+  bool networkActive(const std::string& n) override { return yes("virsh net-active " + n); }
+  std::optional<std::string> defaultPoolPath() override {
+    return yes("virsh pool-path") ? std::optional(h.out) : std::nullopt;
+  }
+  bool domainExists(const std::string& n) override { return ask("virsh dominfo " + n)[0] == "yes"; }
+  std::vector<std::string> listDomains() override { return {}; }
+  std::string dumpDomainXml(const std::string&) override { return ""; }
+  std::vector<std::pair<std::string, std::string>> dumpAllDomainXml() override {
+    std::vector<std::pair<std::string, std::string>> all;
+    for (const std::string& domain : ask("virsh dumpxml --all")) {
+      const std::size_t blank = std::min(domain.find(' '), domain.size());
+      all.emplace_back(domain.substr(0, blank), domain.substr(blank));
+    }
+    if (!h.get("taken").empty()) std::ofstream(h.out + "/" + h.get("taken")) << "theirs";
+    return all;
+  }
+  void defineDomain(const std::string& xml, ProgressObserver*) override { ask("virsh define", {xml}); }
+  void undefineDomain(const std::string& name) override { ask("virsh undefine", {name}); }
+  bool refreshPool(const std::string& pool, ProgressObserver*) override {
+    return yes("virsh pool-refresh " + pool);
+  }
+};
+
+struct XmlBuilder : DomainXmlBuilder {
+  std::string buildDomainXml(const DomainSpec& s, ProgressObserver*) override {
+    std::vector<std::string> items = {s.vmName, std::to_string(s.vcpus), std::to_string(s.memoryMb),
+                                      s.osinfo, s.clockOffset, s.uefi ? "uefi" : "bios"};
+    for (const auto& d : s.disks) items.push_back(d.path + ":" + d.bus);
+    for (const auto& n : s.nics) items.push_back(n.model + ":" + n.mac);
+    ask("virt-install", items);
+    return "<domain/>";
+  }
+};
+
+struct Fixer : BootFixer {
+  BootFixResult ensureEfiFallback(const std::vector<std::string>& disks, ProgressObserver*,
+                                  const volatile std::sig_atomic_t*) override {
+    const std::vector<std::string> f = ask("guestfish fix", disks);
+    return {static_cast<BootFixOutcome>(number(f[0])), f[1]};
+  }
+  BootFixPrediction predictEfiFallback(const std::vector<std::string>& disks, ProgressObserver*,
+                                       const volatile std::sig_atomic_t*) override {
+    const std::vector<std::string> f = ask("guestfish predict", disks);
+    return {{static_cast<BootFixOutcome>(number(f[0])), f[1]}, f[2]};
+  }
+};
+
+struct Converter : DiskConverter {
+  CommandResult convert(const std::string& source, const std::string& target,
+                        ProgressObserver*) override {
+    std::ofstream(target) << "QFI";  // what qemu-img has written when it fails, too
+    const std::vector<std::string> f = ask("qemu-img convert", {source, target});
+    return {number(f[0]), f[1], f[2]};
+  }
+};
+
+}  // namespace
+
+FakeHost& fakeHost() {
+  static FakeHost host;
+  return host;
 }
 
-bool FakeLibvirtBackend::networkActive(const std::string& name) {
-  calls.push_back("networkActive " + name);
-  return networkIsActive;
+std::string FakeHost::get(const std::string& key) const {
+  auto it = says.find(key);
+  return it == says.end() ? "" : it->second;
 }
 
-std::optional<std::string> FakeLibvirtBackend::defaultPoolPath() {
-  calls.push_back("defaultPoolPath");
-  return poolPath;
-}
-
-bool FakeLibvirtBackend::domainExists(const std::string& name) {
-  calls.push_back("domainExists " + name);
-  return domains.count(name) > 0;
-}
-
-std::vector<std::string> FakeLibvirtBackend::listDomains() {
-  calls.push_back("listDomains");
-  std::vector<std::string> names;
-  for (const auto& entry : domains) names.push_back(entry.first);
-  return names;
-}
-
-std::string FakeLibvirtBackend::dumpDomainXml(const std::string& name) {
-  calls.push_back("dumpDomainXml " + name);
-  auto it = domains.find(name);
-  return it == domains.end() ? "" : it->second;
-}
-
-std::vector<std::pair<std::string, std::string>> FakeLibvirtBackend::dumpAllDomainXml() {
-  calls.push_back("dumpAllDomainXml");
-  return {domains.begin(), domains.end()};
-}
-
-void FakeLibvirtBackend::defineDomain(const std::string& xml, ProgressObserver*) {
-  calls.push_back("defineDomain");
-  if (!defineError.empty()) throw V2vError(defineError);
-  definedXml.push_back(xml);
-}
-
-void FakeLibvirtBackend::undefineDomain(const std::string& name) {
-  calls.push_back("undefineDomain " + name);
-  undefined.push_back(name);
-}
-
-bool FakeLibvirtBackend::refreshPool(const std::string& pool, ProgressObserver*) {
-  calls.push_back("refreshPool " + pool);
-  if (onRefresh) onRefresh();
-  return refreshResult;
-}
-
-std::string FakeDomainXmlBuilder::buildDomainXml(const DomainSpec& spec, ProgressObserver*) {
-  specs.push_back(spec);
-  if (!error.empty()) throw V2vError(error);
-  return "<domain><name>" + spec.vmName + "</name></domain>";
-}
-
-BootFixResult FakeBootFixer::ensureEfiFallback(const std::vector<std::string>& disks,
-                                               ProgressObserver*,
-                                               const volatile std::sig_atomic_t*) {
-  calls.push_back(disks);
-  if (during) during();
-  return result;
-}
-
-BootFixPrediction FakeBootFixer::predictEfiFallback(const std::vector<std::string>& disks,
-                                                ProgressObserver*,
-                                                const volatile std::sig_atomic_t*) {
-  predictCalls.push_back(disks);
-  if (during) during();
-  return prediction;
-}
-
-CommandResult FakeDiskConverter::convert(const std::string& source, const std::string& target,
-                                         ProgressObserver* progress) {
-  int call = static_cast<int>(calls.size());
-  calls.emplace_back(source, target);
-  if (during) during(call);
-  if (call == failAtCall) return failure;
-  std::ofstream(target, std::ios::binary) << "QFI\xfb";
-  if (progress != nullptr) progress->onOutput("    (100.00/100%)\r");
-  return CommandResult{0, "    (100.00/100%)\r", ""};
+Conversion fakeConversion(Options options) {
+  return Conversion(std::move(options), std::make_unique<Libvirt>(), std::make_unique<XmlBuilder>(),
+                    std::make_unique<Fixer>(), std::make_unique<Converter>());
 }
 
 }  // namespace orvane::testing

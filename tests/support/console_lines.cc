@@ -1,35 +1,28 @@
 #include "support/console_lines.h"
 
 #include <algorithm>
+#include <cctype>
 #include <sstream>
 
 #include "support/private_log_dir.h"
 #include "support/temp_dir.h"
 
 namespace orvane::testing {
-
 namespace {
 
-// "[YYYY-mm-dd HH:MM:SS] " checked by hand: <regex> draws false warnings from GCC 12
-// in sanitizer builds.
-bool startsWithStamp(const std::string& line) {
-  static const std::string kShape = "[dddd-dd-dd dd:dd:dd] ";
-  if (line.size() < kShape.size()) return false;
-  for (std::size_t i = 0; i < kShape.size(); ++i) {
-    const char want = kShape[i];
-    const char got = line[i];
-    if (want == 'd' ? (got < '0' || got > '9') : got != want) return false;
-  }
-  return true;
+std::vector<std::string> splitLines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
 }
 
 }  // namespace
 
 std::vector<std::string> consoleLines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    lines.push_back(startsWithStamp(line) ? line.substr(22) : line);
+  std::vector<std::string> lines = splitLines(text);
+  for (std::string& line : lines) {
+    if (maskShape(line.substr(0, 22), "[dddd-dd-dd dd:dd:dd] ", "").empty()) line.erase(0, 22);
   }
   return lines;
 }
@@ -39,19 +32,52 @@ bool hasLine(const std::vector<std::string>& lines, const std::string& line) {
 }
 
 std::string lastLineOf(const std::string& path) {
-  std::istringstream in(readFile(path));
-  std::string last;
-  for (std::string line; std::getline(in, line);) last = line;
-  return last;
+  const std::vector<std::string> lines = splitLines(readFile(path));
+  return lines.empty() ? "" : lines.back();
 }
 
 std::string lastRecordFor(const std::string& vm) {
-  std::istringstream in(readFile(kTestAppLog));
   std::string found;
-  for (std::string line; std::getline(in, line);) {
+  for (const std::string& line : splitLines(readFile(kTestAppLog))) {
     if (line.find(" vm=" + vm + " ") != std::string::npos) found = line;
   }
   return found;
+}
+
+void replaceAll(std::string& text, const std::string& from, const std::string& to) {
+  for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+    text.replace(at, from.size(), to);
+  }
+}
+
+std::string maskShape(std::string text, const std::string& shape, const std::string& mask) {
+  for (std::size_t i = 0; i + shape.size() <= text.size(); ++i) {
+    std::size_t k = 0;
+    for (; k < shape.size() && (shape[k] == 'd' ? std::isdigit(static_cast<unsigned char>(text[i + k]))
+                                                : text[i + k] == shape[k]); ++k) {
+    }
+    if (k == shape.size()) text.replace(i, shape.size(), mask);
+  }
+  return text;
+}
+
+std::vector<std::vector<std::string>> readTable(const std::string& path) {
+  std::vector<std::vector<std::string>> rows;
+  for (std::string& line : splitLines(readFile(path))) {
+    if (line.starts_with('#')) continue;
+    replaceAll(line, "\\n", "\n");
+    replaceAll(line, "\\r", "\r");
+    std::istringstream in(line);
+    rows.emplace_back();
+    for (std::string field; std::getline(in, field, '\t'); rows.back().push_back(field)) {
+      const std::size_t star = field.find('*');
+      if (star == 0 || star == std::string::npos || field.find_first_not_of("0123456789") != star) continue;
+      std::string repeated, unit = field.substr(star + 1);
+      for (int n = std::stoi(field); n > 0; --n) repeated += unit;
+      field = repeated;
+    }
+  }
+  return rows;
 }
 
 }  // namespace orvane::testing

@@ -7,10 +7,9 @@
 
 namespace orvane::testing {
 
-/// A directory of fake executables put first on PATH for the object's lifetime.
-/// Each fake is a shell script; `recordingScript` makes one that appends its argv
-/// (one argument per line, then a "--" line) and its stdin to files in the directory,
-/// so tests can assert on exactly what the program under test ran.
+/// A directory of fake executables put first on PATH for the object's lifetime. A
+/// recording fake appends its argv (one argument per line) and its stdin to numbered
+/// files in the directory, so tests can assert on exactly what was run.
 class FakeTools {
  public:
   FakeTools();
@@ -29,9 +28,10 @@ class FakeTools {
   const std::string& dir() const { return dir_.path(); }
 
  private:
+  /// The contents of name.<kind>.0, .1, ... while they exist.
+  std::vector<std::string> recorded(const std::string& name, const std::string& kind) const;
   TempDir dir_;
   std::string savedPath_;
-  bool hadPath_ = false;
 };
 
 }  // namespace orvane::testing

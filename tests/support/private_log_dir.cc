@@ -10,18 +10,15 @@
 namespace orvane::testing {
 
 std::string isolateLogDir() {
-  static std::string outcome = [] {
-    if (unshare(CLONE_NEWNS) != 0) return std::string("unshare: ") + std::strerror(errno);
-    // Without this the tmpfs would propagate back into the host's namespace.
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-      return std::string("make-rprivate: ") + std::strerror(errno);
-    }
+  static const std::string outcome = []() -> std::string {
     std::error_code ec;
     std::filesystem::create_directories("/var/log/orvane", ec);
-    if (mount("tmpfs", "/var/log/orvane", "tmpfs", 0, "size=64m") != 0) {
-      return std::string("mount tmpfs: ") + std::strerror(errno);
+    // Private first: else the tmpfs would propagate back into the host's namespace.
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("tmpfs", "/var/log/orvane", "tmpfs", 0, "size=64m") != 0) {
+      return std::strerror(errno);
     }
-    return std::string();
+    return "";
   }();
   return outcome;
 }

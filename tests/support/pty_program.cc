@@ -6,8 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-
 namespace orvane::testing {
 
 using Clock = std::chrono::steady_clock;
@@ -16,37 +14,29 @@ PtyProgram::PtyProgram(const std::vector<std::string>& argv) {
   std::vector<char*> args;
   for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
   args.push_back(nullptr);
-  pid_ = ::forkpty(&master_, nullptr, nullptr, nullptr);
-  if (pid_ == 0) {
+  if ((pid_ = ::forkpty(&master_, nullptr, nullptr, nullptr)) == 0) {
     ::execvp(args[0], args.data());
     ::_exit(127);
   }
 }
 
 PtyProgram::~PtyProgram() {
-  if (pid_ > 0 && !reaped_) {
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-  }
+  if (pid_ > 0 && !reaped_) ::kill(pid_, SIGKILL), ::waitpid(pid_, nullptr, 0);
   if (master_ >= 0) ::close(master_);
 }
 
 void PtyProgram::readFor(std::chrono::milliseconds slice) {
   pollfd entry{master_, POLLIN, 0};
-  if (::poll(&entry, 1, static_cast<int>(slice.count())) <= 0) return;
   char buffer[4096];
-  const ssize_t count = ::read(master_, buffer, sizeof buffer);
-  if (count > 0) {
-    output_.append(buffer, static_cast<std::size_t>(count));
-  } else {
-    // EIO once every holder of the terminal has gone: nothing more to read.
-    ::poll(nullptr, 0, static_cast<int>(slice.count()));
-  }
+  const ssize_t count = ::poll(&entry, 1, static_cast<int>(slice.count())) > 0
+                            ? ::read(master_, buffer, sizeof buffer) : 0;
+  if (count > 0) output_.append(buffer, static_cast<std::size_t>(count));
+  // EIO once every holder of the terminal has gone: nothing more to read.
+  if (count < 0) ::poll(nullptr, 0, static_cast<int>(slice.count()));
 }
 
 bool PtyProgram::waitForOutput(const std::string& text, std::chrono::milliseconds timeout) {
-  const Clock::time_point end = Clock::now() + timeout;
-  while (output_.find(text) == std::string::npos) {
+  for (const auto end = Clock::now() + timeout; output_.find(text) == std::string::npos;) {
     if (pid_ <= 0 || Clock::now() >= end) return false;
     readFor(std::chrono::milliseconds(50));
   }
@@ -58,22 +48,18 @@ void PtyProgram::type(const std::string& bytes) {
 }
 
 int PtyProgram::wait(std::chrono::milliseconds timeout) {
-  if (pid_ <= 0) return -1;
-  const Clock::time_point end = Clock::now() + timeout;
-  while (true) {
+  for (auto end = Clock::now() + timeout; pid_ > 0 && Clock::now() < end;) {
     int status = 0;
-    const pid_t done = ::waitpid(pid_, &status, WNOHANG);
-    if (done == pid_) {
-      reaped_ = true;
-      // Whatever it wrote last is still in the terminal's buffer.
-      for (int i = 0; i < 10; ++i) readFor(std::chrono::milliseconds(20));
-      if (WIFEXITED(status)) return WEXITSTATUS(status);
-      if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-      return -1;
+    if (::waitpid(pid_, &status, WNOHANG) != pid_) {
+      readFor(std::chrono::milliseconds(50));
+      continue;
     }
-    if (Clock::now() >= end) return -1;
-    readFor(std::chrono::milliseconds(50));
+    reaped_ = true;
+    // Whatever it wrote last is still in the terminal's buffer.
+    for (int i = 0; i < 10; ++i) readFor(std::chrono::milliseconds(20));
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
+  return -1;
 }
 
 }  // namespace orvane::testing

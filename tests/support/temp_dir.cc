@@ -7,16 +7,11 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <vector>
 
 namespace orvane::testing {
 
-TempDir::TempDir(const std::string& prefix) {
-  std::string templ = "/tmp/" + prefix + "-XXXXXX";
-  std::vector<char> buf(templ.begin(), templ.end());
-  buf.push_back('\0');
-  if (mkdtemp(buf.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-  path_ = buf.data();
+TempDir::TempDir(const std::string& prefix) : path_("/tmp/" + prefix + "-XXXXXX") {
+  if (mkdtemp(path_.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
 }
 
 TempDir::~TempDir() {
@@ -24,22 +19,15 @@ TempDir::~TempDir() {
   std::filesystem::remove_all(path_, ec);
 }
 
-std::string TempDir::file(const std::string& name) const { return path_ + "/" + name; }
-
 void writeFile(const std::string& path, const std::string& content, int mode) {
-  {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    if (!out) throw std::runtime_error("cannot write " + path);
-    out << content;
-  }
+  if (!(std::ofstream(path, std::ios::binary) << content)) throw std::runtime_error(path);
   chmod(path.c_str(), static_cast<mode_t>(mode));
 }
 
 std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
+  std::ostringstream text;
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  return text.str();
 }
 
 }  // namespace orvane::testing
