@@ -11,8 +11,7 @@ fail=0
 check() { "${@:2}" || { echo "FAIL: $finding ($body): $1"; fail=1; }; }
 # finding | the fake qemu's body, none for no /dev/kvm | what host-setup says after "KVM: "
 while IFS='|' read -r finding body said; do
-  dir=$(mktemp -d "$work/case-XXXX")
-  mkdir "$dir/bin"
+  dir=$(mktemp -d "$work/case-XXXX") && mkdir "$dir/bin"
   if [ "$body" != none ]; then
     touch "$dir/kvm"
     printf '#!/bin/bash\necho $$ >%s/pid; echo "$*" >%s/args\n%s\n' "$dir" "$dir" "$body" \
@@ -20,12 +19,10 @@ while IFS='|' read -r finding body said; do
     chmod +x "$dir/bin/qemu-system-x86_64"
   fi
   start=$SECONDS
-  got=$(PATH=$dir/bin:$PATH ORVANE_KVM_DEVICE=$dir/kvm ORVANE_KVM_STATE=$dir/state/kvm \
+  said_now=$(PATH=$dir/bin:$PATH ORVANE_KVM_DEVICE=$dir/kvm ORVANE_KVM_STATE=$dir/state/kvm \
     ORVANE_KVM_SECONDS=2 bash "$setup" --kvm-only 2>&1)
-  rc=$?
-  check "exit $rc" test "$rc" -eq 0
-  check "said: $got" test "$got" = "host-setup: KVM: ${said//DEV/$dir/kvm}"
-  check "recorded: $(cat "$dir/state/kvm")" test "$(cat "$dir/state/kvm")" = "$finding"
+  got="exit $?, recorded $(cat "$dir/state/kvm"), said: $said_now"
+  check "$got" test "$got" = "exit 0, recorded $finding, said: host-setup: KVM: ${said//DEV/$dir/kvm}"
   # The bound, the grace before SIGKILL, and room for a loaded machine.
   check "took $((SECONDS - start)) s" test $((SECONDS - start)) -lt 12
   [ "$body" = none ] || check "qemu ran without KVM" grep -q '^-accel kvm ' "$dir/args"
