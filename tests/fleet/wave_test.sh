@@ -9,8 +9,7 @@
 # it if it was not installed before); otherwise it runs the build tree's program.
 set -euo pipefail
 src=$(realpath "$1") bin=$(realpath "$2") data=$(cd "$(dirname "$0")/data" && pwd)
-names=(fleet-wave-derived fleet-wave-named fleet-wave-ok2 fleet-wave-snap fleet-wave-ok3
-  fleet-wave-wide)
+names=(fleet-wave-{derived,named,ok2,snap,ok3,wide})
 [ "$(id -u)" -eq 0 ] || { echo "SKIP: must run as root"; exit 77; }
 for tool in ansible-playbook ansible-lint /usr/sbin/sshd qemu-img virsh unshare; do
   command -v "$tool" >/dev/null || { echo "SKIP: $tool is missing (scripts/install-deps)"; exit 77; }
@@ -24,7 +23,7 @@ mkdir -p /var/log/orvane && mount -t tmpfs fleet-wave-logs /var/log/orvane
 work=$(mktemp -d /var/tmp/fleet-wave-XXXXXX) purge=
 undefine() { for n in "${names[@]}"; do virsh undefine "$n" >/dev/null 2>&1 || true; done; }
 cleanup() {
-  set +e
+  set +e; shopt -s nullglob
   for sock in "$work"/cp/*; do [ -S "$sock" ] && ssh -o ControlPath="$sock" -O exit x 2>/dev/null; done
   [ -f "$work/sshd.pid" ] && kill "$(cat "$work/sshd.pid")"
   undefine
@@ -59,16 +58,17 @@ export ANSIBLE_CONFIG=$work/ansible.cfg HOME=$work  # ansible's and ssh's state 
 
 # What a wave did, in the form of data/wave/<wave>: its exit code, the hosts it failed,
 # the tasks that changed something (but the controller's collection, new at every wave),
-# the defined VMs' disks, the images, every outcome record without its times, what was
-# collected, and the lines of data/wave/<wave> that begin "says:" if its output says them.
+# what it said of each VM, the defined VMs' disks, the images, every outcome record
+# without its times, what was collected, and the report pages written.
 outcome() {
-  set +e
+  set +e; shopt -s nullglob
   echo "exit $([ "$rc" -eq 0 ] && echo 0 || echo non-zero)"
-  echo "failed: $(sed -n '/^PLAY RECAP/,$p' "$work/$1.out" |
-    awk '$2 == ":" && /(failed|unreachable)=[1-9]/ { print $1 }' | sort | xargs)"
+  sed -n '/^PLAY RECAP/,$p' "$work/$1.out" |
+    awk '$2 == ":" && /(failed|unreachable)=[1-9]/ { print "failed:", $1 }'
   awk '/^TASK \[/ { sub(/^TASK \[([^]]* : )?/, ""); sub(/\] \**$/, ""); task = $0 }
     /^changed: / && task !~ /^(Keep this host|Fetch the run logs|Make the report)/ {
       print "changed:", task, $2 }' "$work/$1.out" | sort -u
+  grep -o '"msg": ".*"' "$work/$1.out" | sed "s|$work|WORK|g" | sort
   for n in "${names[@]}"; do
     virsh domblklist "$n" 2>/dev/null | awk -v n="$n" 'NR > 2 && NF { print "defined:", n, $1 }'
   done
@@ -76,14 +76,11 @@ outcome() {
   sed -E 's/^\[[^]]*\] /record: /; s/ (duration|version)=[^ ]*//g' \
     /var/log/orvane/orvane-v2v.log | sort | uniq -c
   for h in "$work"/collected/fleet-kvm*; do
-    [ -d "$h" ] && echo "collected: ${h##*/} records of" \
+    echo "collected: ${h##*/} records of" \
       "$(sed -E 's/.* vm=(.*) result=.*/\1/' "$h/orvane-v2v.log" | sort -u | xargs)," \
       "run logs of $(ls "$h/v2v" | sed -E 's/-[0-9]{4}(-[0-9]{2}){2}_.*//' | sort -u | xargs)"
   done
   echo "report pages: $(find "$work/collected" -name 'report-*.html' -size +0 2>/dev/null | wc -l)"
-  sed -n 's/^says: //p' "$data/wave/$1" | while IFS= read -r line; do
-    if grep -qF -- "$line" "$work/$1.out"; then echo "says: $line"; fi
-  done
 }
 wave() {  # wave NAME ARGS...: runs the playbook and compares its outcome
   rc=0
