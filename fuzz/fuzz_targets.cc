@@ -21,9 +21,6 @@ bool trimmed(std::string_view s) {
   const std::string_view blank = " \t\r\n";
   return !s.empty() && blank.find(s.front()) == s.npos && blank.find(s.back()) == s.npos;
 }
-bool startsWith(std::string_view s, std::string_view prefix) {
-  return s.substr(0, prefix.size()) == prefix;
-}
 std::string lower(std::string s) {
   for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return s;
@@ -35,7 +32,7 @@ void vmx(const std::string& text) {
   require(!vmx.numVcpus.empty() && !vmx.firmware.empty());
   require(lower(vmx.guestOs) == vmx.guestOs && lower(vmx.firmware) == vmx.firmware);
   for (const std::string& path : vmx.vmdkFiles)  // joined to the folder: always absolute
-    require(startsWith(path, "/") && lower(path).ends_with(".vmdk"));
+    require(path.starts_with("/") && lower(path).ends_with(".vmdk"));
   require(vmx.snapDisks.size() <= vmx.vmdkFiles.size() &&
           vmx.diskDevices.size() == vmx.vmdkFiles.size() &&
           (!vmx.hddOrderApplied || !vmx.vmdkFiles.empty()));
@@ -109,9 +106,9 @@ void guestfish(const std::string& output) {
   (void)isTrueAnswer(output);
   const EspDecision d = decideFromProbe(output);
   if (d.kind == EspDecision::Kind::kCopy)
-    require(startsWith(d.source, "/EFI/") &&
-            startsWith(d.note, "added \\EFI\\BOOT\\BOOTX64.EFI from ") &&
-            (d.extraGrub.empty() || startsWith(d.extraGrub, "/EFI/")));
+    require(d.source.starts_with("/EFI/") &&
+            d.note.starts_with("added \\EFI\\BOOT\\BOOTX64.EFI from ") &&
+            (d.extraGrub.empty() || d.extraGrub.starts_with("/EFI/")));
   else  // nothing to copy; only kAlreadyPresent has a note for the user
     require(d.source.empty() &&
             (d.kind == EspDecision::Kind::kAlreadyPresent ? d.extraGrub.empty()
