@@ -1,52 +1,27 @@
 #!/usr/bin/env bash
-# The report's figures from record files with known answers, and its page in a real browser.
-#   report_test.sh REPORT-TOOL
-set -euo pipefail
-report=$(realpath "$1")
-here=$(cd "$(dirname "$0")" && pwd)
+# The report's figures from record files with known answers (data/report), and its page
+# in a real browser.    report_test.sh REPORT-TOOL
+set -uo pipefail
+report=(/usr/bin/python3 "$(realpath "$1")")
 work=$(mktemp -d /tmp/fleet-report-test-XXXXXX)
 trap 'rm -rf "$work"' EXIT
+cd "$(dirname "$0")/data/report" || exit 1  # relative names: the malformed lines' places read the same anywhere
 fail=0
-
-# Relative names, so the malformed lines' places read the same wherever the tree is.
-cd "$here/data"
-for mode in txt json; do
-  args=(kvm01.log kvm02=kvm02.log)
-  [ "$mode" = json ] && args=(--json "${args[@]}")
-  if ! /usr/bin/python3 "$report" "${args[@]}" >"$work/got.$mode"; then
-    echo "FAIL: the report exited non-zero ($mode)"; fail=1
-  elif ! diff -u "expected.$mode" "$work/got.$mode"; then
-    echo "FAIL: the $mode figures differ from the known answers"; fail=1
-  fi
-done
+check() { "${@:2}" || { echo "FAIL: $1"; fail=1; }; }
+figures() { "${report[@]}" "${@:2}" kvm01.log kvm02=kvm02.log >"$work/got" && diff -u "$1" "$work/got"; }
+check "the text figures" figures expected.txt
+check "the JSON figures" figures expected.json --json
 
 page=$work/wave.html
-/usr/bin/python3 "$report" --html "$page" kvm01.log kvm02=kvm02.log >/dev/null
-if /usr/bin/python3 "$report" --html "$page" kvm01.log >/dev/null 2>&1; then
-  echo "FAIL: an existing page was overwritten"; fail=1
-fi
-# Self-contained: nothing the page loads may come from elsewhere.
-if grep -Eo '<(script|link|img|iframe)[^>]*(src|href)=[^>]*>' "$page"; then
-  echo "FAIL: the page loads something from outside"; fail=1
-fi
+check "the page is written" figures expected.txt --html "$page"
+check "an existing page is kept" test "$("${report[@]}" --html "$page" kvm01.log &>/dev/null; echo $?)" != 0
+check "the page loads nothing from outside" test -z "$(grep -Eo '<(script|link|img|iframe)[^>]*(src|href)=[^>]*>' "$page")"
 # As root the browser needs --no-sandbox; its own home keeps it off the real one.
 HOME=$work timeout 120 chromium --headless --no-sandbox --disable-gpu --dump-dom \
-  "file://$page" >"$work/dom.html" 2>"$work/chromium.err" || true
-if ! grep -q '<table id="results">' "$work/dom.html"; then
-  echo "FAIL: the page did not load in chromium"; tail -5 "$work/chromium.err"; fail=1
-fi
-# A chart is there when its figure in the loaded DOM holds an SVG with drawn paths.
-if ! /usr/bin/python3 - "$work/dom.html" <<'PY'
-import re, sys
-dom = open(sys.argv[1], encoding="utf-8").read()
-missing = [c for c in ("chart-results", "chart-durations", "chart-failures")
-           if not re.search(r'<figure class="chart" id="%s"><svg[^>]*>((?!</figure>).)*<path' % c,
-                            dom, re.S)]
-for c in missing:
-    print("FAIL: chart %s is missing from the loaded page" % c)
-sys.exit(1 if missing else 0)
-PY
-then
-  fail=1
-fi
+  "file://$page" >"$work/dom.html" 2>"$work/chromium.err"
+check "the page loads in chromium: $(tail -3 "$work/chromium.err")" grep -q '<table id="results">' "$work/dom.html"
+for chart in results durations failures; do  # drawn: an SVG with paths in the loaded DOM
+  check "the $chart chart is drawn" grep -Pzq \
+    "<figure class=\"chart\" id=\"chart-$chart\"><svg[^>]*>((?!</figure>)[\\s\\S])*<path" "$work/dom.html"
+done
 exit $fail
