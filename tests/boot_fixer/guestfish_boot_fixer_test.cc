@@ -9,7 +9,7 @@
 #include <chrono>
 
 #include "boot_fixer/esp_probe.h"
-#include "vmx/test_tables.h"
+#include "support/tables.h"
 
 namespace orvane::testing {
 namespace {

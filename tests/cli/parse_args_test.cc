@@ -1,7 +1,7 @@
 #include "cli/parse_args.h"
 
 #include "cli/usage.h"
-#include "vmx/test_tables.h"
+#include "support/tables.h"
 
 namespace orvane::testing {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <chrono>
 
-#include "vmx/test_tables.h"
+#include "support/tables.h"
 
 namespace orvane::testing {
 namespace {

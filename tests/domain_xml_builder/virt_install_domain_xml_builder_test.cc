@@ -4,7 +4,7 @@
 // nothing else is touched.
 #include "domain_xml_builder/virt_install_domain_xml_builder.h"
 
-#include "vmx/test_tables.h"
+#include "support/tables.h"
 
 namespace orvane::testing {
 namespace {

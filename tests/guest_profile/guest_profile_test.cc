@@ -1,6 +1,6 @@
 #include "guest_profile/guest_profile.h"
 
-#include "vmx/test_tables.h"
+#include "support/tables.h"
 
 namespace orvane::testing {
 namespace {

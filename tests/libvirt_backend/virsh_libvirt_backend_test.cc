@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <regex>
 
-#include "vmx/test_tables.h"
+#include "support/tables.h"
 
 namespace orvane::testing {
 namespace {

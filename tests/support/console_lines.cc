@@ -1,10 +1,8 @@
 #include "support/console_lines.h"
 
-#include <algorithm>
 #include <cctype>
 #include <sstream>
 
-#include "support/private_log_dir.h"
 #include "support/temp_dir.h"
 
 namespace orvane::testing {
@@ -19,29 +17,9 @@ std::vector<std::string> splitLines(const std::string& text) {
 
 }  // namespace
 
-std::vector<std::string> consoleLines(const std::string& text) {
-  std::vector<std::string> lines = splitLines(text);
-  for (std::string& line : lines) {
-    if (maskShape(line.substr(0, 22), "[dddd-dd-dd dd:dd:dd] ", "").empty()) line.erase(0, 22);
-  }
-  return lines;
-}
-
-bool hasLine(const std::vector<std::string>& lines, const std::string& line) {
-  return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
-
 std::string lastLineOf(const std::string& path) {
   const std::vector<std::string> lines = splitLines(readFile(path));
   return lines.empty() ? "" : lines.back();
-}
-
-std::string lastRecordFor(const std::string& vm) {
-  std::string found;
-  for (const std::string& line : splitLines(readFile(kTestAppLog))) {
-    if (line.find(" vm=" + vm + " ") != std::string::npos) found = line;
-  }
-  return found;
 }
 
 void replaceAll(std::string& text, const std::string& from, const std::string& to) {

@@ -6,7 +6,7 @@
 
 #include <filesystem>
 
-#include "vmx/test_tables.h"
+#include "support/tables.h"
 #include "vmx/vmdk_descriptor.h"
 #include "vmx/vmx_reader.h"
 

@@ -2,7 +2,7 @@
 // hand edits leave them) and of small texts that pin the line grammar down.
 #include "vmx/vmx_reader.h"
 
-#include "vmx/test_tables.h"
+#include "support/tables.h"
 
 namespace orvane::testing {
 namespace {
