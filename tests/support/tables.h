@@ -11,6 +11,7 @@
 
 #include "conversion/errors.h"
 #include "progress/progress_observer.h"
+#include "support/console_lines.h"
 #include "support/fake_tools.h"
 
 namespace orvane::testing {
@@ -99,12 +100,8 @@ inline std::string joined(const std::vector<std::string>& items,
   return out;
 }
 
-inline std::string replaced(std::string text, const std::string& from,
-                            const std::string& to) {
-  for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos;
-       at += to.size()) {
-    text.replace(at, from.size(), to);
-  }
+inline std::string replaced(std::string text, const std::string& from, const std::string& to) {
+  replaceAll(text, from, to);
   return text;
 }
 
