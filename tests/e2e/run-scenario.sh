@@ -183,18 +183,23 @@ run() {
       [ "$(virsh dumpxml "$vm")" = "$(cat "$work/xml1")" ] || fail "the second run changed the VM"
     fi ;;
   kill-qemu-img | sigint | sigint-group | sigint-pool | sigint-group-pool | sigint-guestfish)
-    local at='pgrep -P $pid -f -- "-sdb[.]qcow2$" >/dev/null' pause=0.5
+    local at='pgrep -P $pid -f -- "-sdb[.]qcow2$" >/dev/null' pause=0.5 runpath=$PATH
     case $fault in
     kill-qemu-img) pause=0.1 ;;
-    *pool) at='virsh pool-list --all --name | grep -qxF "${out##*/}"' pause=0 ;;
+    *pool) at='virsh pool-list --all --name | grep -qxF "${out##*/}"' pause=0
+      # virt-install's pool lives only until it ends, too short to hit on a quiet host:
+      # the real one runs, then lingers so that the signal finds its pool in place.
+      mkdir -p "$work/pool-bin" && runpath="$work/pool-bin:$PATH"
+      printf '#!/bin/sh\n%s "$@"; rc=$?; sleep 2; exit $rc\n' "$(command -v virt-install)" >"$work/pool-bin/virt-install"
+      chmod +x "$work/pool-bin/virt-install" ;;
     sigint-guestfish) at='pgrep -P $pid -x guestfish >/dev/null' pause=3 ;;
     esac
     # As from a terminal: SIGINT at its default, and with -group a process group of
     # its own, so that a signal to the group is Ctrl-C at the terminal.
     if [[ $fault == *group* ]]; then
-      setsid env --default-signal=INT "$prog" "${args[@]}" >"$work/o" 2>"$work/e" </dev/null &
+      setsid env --default-signal=INT PATH="$runpath" "$prog" "${args[@]}" >"$work/o" 2>"$work/e" </dev/null &
     else
-      env --default-signal=INT "$prog" "${args[@]}" >"$work/o" 2>"$work/e" </dev/null &
+      env --default-signal=INT PATH="$runpath" "$prog" "${args[@]}" >"$work/o" 2>"$work/e" </dev/null &
     fi
     pid=$!
     wait_for "$at" $pid || fail "the run ended before the fault"
