@@ -5,14 +5,12 @@
 #include <termios.h>
 #include <unistd.h>
 
-
 #include "progress/qemu_img_progress.h"
 #include "progress/qemu_img_progress_text.h"
 #include "progress/spinner.h"
-#include "support/console_lines.h"
-#include "support/temp_dir.h"
+#include "support/tables.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 /// Everything written to the terminal since the last call; the tty layer hands bytes
@@ -39,7 +37,7 @@ TEST(TerminalProgress, DrawsWhatTheTableSaysOnATerminalAndNothingElsewhere) {
     QemuImgProgress bar("  disk", fd);
     Spinner spinner("  defining the VM", fd);
     EXPECT_EQ(fd == slave, bar.enabled());
-    for (auto f : testing::readTable(ORVANE_SOURCE_DIR "/tests/progress/terminal.tsv")) {
+    for (auto f : readRows(ORVANE_SOURCE_DIR "/tests/progress/terminal.tsv")) {
       f.resize(4);
       TerminalProgress& display = f[0] == "bar" ? static_cast<TerminalProgress&>(bar) : spinner;
       if (f[1] == "draw") display.draw(f[2]);
@@ -55,7 +53,7 @@ TEST(TerminalProgress, DrawsWhatTheTableSaysOnATerminalAndNothingElsewhere) {
 // percent.tsv: "<qemu-img output>\t<percent read, or nothing>"; the bar line of each
 // percent read is checked in terminal.tsv.
 TEST(QemuImgProgressText, ReadsTheNewestPercentOfTheTable) {
-  for (auto f : testing::readTable(ORVANE_SOURCE_DIR "/tests/progress/percent.tsv")) {
+  for (auto f : readRows(ORVANE_SOURCE_DIR "/tests/progress/percent.tsv")) {
     f.resize(2);
     const std::optional<double> got = lastQemuImgPercent(f[0]);
     EXPECT_EQ(f[1], got ? std::to_string(*got) : "") << f[0];
@@ -63,4 +61,4 @@ TEST(QemuImgProgressText, ReadsTheNewestPercentOfTheTable) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing
