@@ -4,7 +4,6 @@
 #include <csignal>
 #include <fstream>
 #include <map>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -52,11 +51,9 @@ inline std::vector<std::string> ask(std::string call, const std::vector<std::str
   if (const std::string signo = h.get("raise " + call); !signo.empty()) std::raise(std::stoi(signo));
   if (answer.starts_with("throw ")) throw std::runtime_error(answer.substr(6));
   if (answer.starts_with("fail ")) throw V2vError(answer.substr(5));
-  std::vector<std::string> fields(3);
-  std::istringstream in(answer);
-  for (std::size_t i = 0; std::getline(in, answer, '|'); ++i) {
-    i < 3 ? fields[i] = answer : fields.emplace_back(answer);
-  }
+  std::vector<std::string> fields;
+  for (std::string_view field : split(answer, '|')) fields.emplace_back(field);
+  fields.resize(std::max<std::size_t>(fields.size(), 3));
   return fields;
 }
 

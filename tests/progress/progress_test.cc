@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <pty.h>
 #include <termios.h>
 #include <unistd.h>
@@ -12,19 +11,6 @@
 
 namespace orvane::testing {
 namespace {
-
-/// Everything written to the terminal since the last call; the tty layer hands bytes
-/// over asynchronously, so stragglers get a moment.
-std::string take(int master, int waitMs) {
-  std::string bytes;
-  char buffer[1024];
-  for (pollfd entry{master, POLLIN, 0}; ::poll(&entry, 1, waitMs) == 1;) {
-    const ssize_t count = ::read(master, buffer, sizeof buffer);
-    if (count <= 0) break;
-    bytes.append(buffer, static_cast<std::size_t>(count));
-  }
-  return bytes;
-}
 
 // terminal.tsv: "<display>\t<call>\t<argument>\t<bytes on the terminal>" in order.
 TEST(TerminalProgress, DrawsWhatTheTableSaysOnATerminalAndNothingElsewhere) {

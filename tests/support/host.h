@@ -1,9 +1,11 @@
 #pragma once
 // What a test sets up on this host for itself: a fresh folder, files, fake executables
 // first on PATH, and a private /var/log/orvane.
+#include <poll.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -88,6 +90,19 @@ class FakeTools {
   TempDir dir_{"orvane-fake-tools"};
   std::string savedPath_;
 };
+
+/// What has come from `fd` (a terminal or a pipe) until nothing more came for `quietMs`,
+/// or until its other end is gone; the tty layer hands bytes over asynchronously.
+inline std::string take(int fd, int quietMs) {
+  std::string bytes;
+  char buffer[4096];
+  for (pollfd entry{fd, POLLIN, 0}; ::poll(&entry, 1, quietMs) == 1;) {
+    const ssize_t count = ::read(fd, buffer, sizeof buffer);
+    if (count <= 0) break;
+    bytes.append(buffer, static_cast<std::size_t>(count));
+  }
+  return bytes;
+}
 
 inline constexpr const char* kTestAppLog = "/var/log/orvane/orvane-v2v.log";
 inline constexpr const char* kTestRunLogDir = "/var/log/orvane/v2v";
