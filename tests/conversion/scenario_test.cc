@@ -14,9 +14,6 @@
 #include "cli/parse_args.h"
 #include "cli/usage.h"
 #include "fakes/fake_adapters.h"
-#include "support/console_lines.h"
-#include "support/private_log_dir.h"
-#include "support/temp_dir.h"
 
 namespace orvane::testing {
 namespace {
@@ -46,8 +43,8 @@ TEST_P(Scenario, LeavesWhatItsGoldenSays) {
   if (const std::string why = isolateLogDir(); !why.empty()) GTEST_SKIP() << why;
   const std::string dir = kData + "scenarios/" + GetParam();
   TempDir work("orvane-scenario");
-  FakeHost& host = fakeHost() = FakeHost{{}, {}, work.file("web01"), work.file("out")};
-  for (const auto& row : readTable(dir + "/case")) host.says.emplace(row.at(0), row.size() > 1 ? row[1] : "");
+  FakeHost& host = fakeHost = FakeHost{{}, {}, work.file("web01"), work.file("out")};
+  for (const auto& row : readRows(dir + "/case")) host.says.emplace(row.at(0), row.size() > 1 ? row[1] : "");
   if (!host.get("source-name").empty()) host.src = work.file(host.get("source-name"));
   constexpr auto kCopy = fs::copy_options::recursive | fs::copy_options::copy_symlinks;
   fs::copy(kData + "vms/" + (host.get("vm").empty() ? "web01" : host.get("vm")), host.src, kCopy);
@@ -60,10 +57,7 @@ TEST_P(Scenario, LeavesWhatItsGoldenSays) {
   }
   std::vector<std::string> words = {"orvane-v2v"};
   std::istringstream args(host.get("args"));
-  for (std::string word; args >> word; words.push_back(word)) {
-    replaceAll(word, "{src}", host.src);
-    replaceAll(word, "{out}", host.out);
-  }
+  for (std::string word; args >> word;) words.push_back(replaced(replaced(word, "{src}", host.src), "{out}", host.out));
   std::vector<char*> argv;
   for (std::string& word : words) argv.push_back(word.data());
   const std::string sourceBefore = listing(host.src), path = std::getenv("PATH");
@@ -95,9 +89,7 @@ TEST_P(Scenario, LeavesWhatItsGoldenSays) {
   }
   got += "== output folder\n" + listing(host.out);
   EXPECT_EQ(sourceBefore, listing(host.src)) << "the source folder is only ever read";
-  replaceAll(got, usageText(), "{usage}\n");
-  replaceAll(got, host.src, "{src}");
-  replaceAll(got, host.out, "{out}");
+  got = replaced(replaced(replaced(got, usageText(), "{usage}\n"), host.src, "{src}"), host.out, "{out}");
   got = maskShape(maskShape(got, "[dddd-dd-dd dd:dd:dd]", "[time]"), "dddd-dd-dd_dd-dd-dd", "TIME");
   got = maskShape(got, " duration=ds", " duration=0s");
   for (std::size_t at = 0; (at = got.find(" has ~", at)) != std::string::npos; ++at) {

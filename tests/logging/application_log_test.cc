@@ -7,7 +7,7 @@
 
 #include <cstdio>
 
-#include "support/temp_dir.h"
+#include "support/host.h"
 
 namespace orvane::testing {
 namespace {

@@ -7,29 +7,19 @@
 
 #include <thread>
 
-#include "progress/progress_observer.h"
-#include "support/console_lines.h"
+#include "support/tables.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-struct Seen : ProgressObserver {
-  void onOutput(std::string_view chunk) override { text += chunk; }
-  void onTick() override { ticks.push_back(Clock::now()); }
-  void onFinish() override { ++finishes; }
-  std::string text;
-  std::vector<Clock::time_point> ticks;
-  int finishes = 0;
-};
-
 // Three passes: as an ordinary caller; as one that ignores and blocks SIGPIPE (the
 // child must get the default action all the same, and a closed input must not kill
 // us); as one started with 0, 1 and 2 closed, so that the pipes take those numbers.
 TEST(RunCommand, EveryChildOfTheTableEndsAsItSays) {
-  const auto table = testing::readTable(ORVANE_SOURCE_DIR "/tests/process/children.tsv");
+  const auto table = readRows(ORVANE_SOURCE_DIR "/tests/process/children.tsv");
   for (const int pass : {0, 1, 2}) {
     struct sigaction pipeAction {}, saved {};
     pipeAction.sa_handler = pass == 1 ? SIG_IGN : SIG_DFL;
@@ -39,7 +29,7 @@ TEST(RunCommand, EveryChildOfTheTableEndsAsItSays) {
     sigaddset(&pipeOnly, SIGPIPE);
     sigprocmask(pass == 1 ? SIG_BLOCK : SIG_UNBLOCK, &pipeOnly, &savedMask);
     for (const auto& f : table) {
-      Seen seen;
+      RecordingProgress seen;
       int kept[3];
       for (int fd = 0; fd < 3 && pass == 2; ++fd) kept[fd] = ::fcntl(fd, F_DUPFD_CLOEXEC, 10), ::close(fd);
       const CommandResult r = runCommand({f.begin() + 4, f.end()}, {f.at(3), &seen});
@@ -48,7 +38,7 @@ TEST(RunCommand, EveryChildOfTheTableEndsAsItSays) {
       EXPECT_EQ(r.exitCode == 0, r.ok());
       EXPECT_TRUE(f[1] == r.stdoutText) << f.back() << ": " << r.stdoutText.substr(0, 99);
       EXPECT_EQ(f[2], r.stderrText) << f.back();
-      EXPECT_EQ(r.stdoutText.size() + r.stderrText.size(), seen.text.size()) << f.back();
+      EXPECT_EQ(r.stdoutText.size() + r.stderrText.size(), seen.output.size()) << f.back();
       EXPECT_EQ(f.size() > 4 ? 1 : 0, seen.finishes) << f.back();
     }
     sigprocmask(SIG_SETMASK, &savedMask, nullptr);
@@ -58,7 +48,7 @@ TEST(RunCommand, EveryChildOfTheTableEndsAsItSays) {
 
 TEST(RunCommand, TicksNoCloserThanTheIntervalWhetherTheChildTalksOrNot) {
   for (const char* script : {"sleep 0.5", "for i in 1 2 3 4 5 6 7 8 9; do echo $i; sleep 0.05; done"}) {
-    Seen seen;
+    RecordingProgress seen;
     const Clock::time_point start = Clock::now();
     EXPECT_EQ(0, runCommand({"sh", "-c", script}, {"", &seen, 100}).exitCode);
     EXPECT_GE(seen.ticks.size(), 3u) << script;
@@ -72,7 +62,7 @@ TEST(RunCommand, TicksNoCloserThanTheIntervalWhetherTheChildTalksOrNot) {
 // stopped.tsv: "<exit>\t<ms from the flag to the return, at most>\t<argv>...". The flag
 // is set from another thread, as a signal handler sets it while the runner sits in poll.
 TEST(RunCommand, StopFlagEndsTheChildWithinItsGracePeriod) {
-  for (const auto& f : testing::readTable(ORVANE_SOURCE_DIR "/tests/process/stopped.tsv")) {
+  for (const auto& f : readRows(ORVANE_SOURCE_DIR "/tests/process/stopped.tsv")) {
     volatile std::sig_atomic_t flag = 0;
     Clock::time_point setAt;
     std::thread setter([&] {
@@ -89,4 +79,4 @@ TEST(RunCommand, StopFlagEndsTheChildWithinItsGracePeriod) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

@@ -3,16 +3,19 @@
 // at tabs) or blocks (.txt: "case: NAME" opens a case, "key: value" lines follow, a
 // line beginning "| " continues the value above on a new line). Blank and "#" lines
 // are skipped. In a value "\n" "\r" "\t" "\0" "\\" "\xNN" stand for the byte; any
-// other backslash stays as written.
+// other backslash stays as written. A row's field "<count>*<text>" stands for `text`
+// repeated `count` times, for inputs too long to write out.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <fstream>
+#include <utility>
 
 #include "conversion/errors.h"
 #include "progress/progress_observer.h"
-#include "support/console_lines.h"
-#include "support/fake_tools.h"
+#include "support/host.h"
 
 namespace orvane::testing {
 
@@ -46,7 +49,13 @@ inline std::vector<std::vector<std::string>> readRows(const std::string& path) {
     rows.emplace_back();
     for (std::size_t start = 0, tab = 0; tab != std::string::npos; start = tab + 1) {
       tab = line.find('\t', start);
-      rows.back().push_back(unescape(line.substr(start, tab - start)));
+      std::string field = unescape(line.substr(start, tab - start));
+      const std::size_t star = field.find('*');
+      if (star != 0 && star != std::string::npos && field.find_first_not_of("0123456789") == star) {
+        const std::string unit = field.substr(star + 1);
+        for (int n = std::stoi(std::exchange(field, "")); n > 0; --n) field += unit;
+      }
+      rows.back().push_back(field);
     }
   }
   return rows;
@@ -101,17 +110,34 @@ inline std::string joined(const std::vector<std::string>& items,
 }
 
 inline std::string replaced(std::string text, const std::string& from, const std::string& to) {
-  replaceAll(text, from, to);
+  for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+    text.replace(at, from.size(), to);
+  }
   return text;
 }
 
-/// Keeps what a command reports; raises `stop` at tick `stopAt`, as a signal would.
+/// `text` with every stretch shaped like `shape` ('d' for any digit) replaced by `mask`.
+inline std::string maskShape(std::string text, const std::string& shape, const std::string& mask) {
+  const auto fits = [](char s, char c) { return s == 'd' ? c >= '0' && c <= '9' : c == s; };
+  for (std::size_t i = 0; i + shape.size() <= text.size(); ++i) {
+    if (std::equal(shape.begin(), shape.end(), text.begin() + i, fits)) text.replace(i, shape.size(), mask);
+  }
+  return text;
+}
+
+/// Keeps what a command reports and when it ticked; raises `stop` at tick `stopAt`, as
+/// a signal would.
 struct RecordingProgress : ProgressObserver {
   void onOutput(std::string_view chunk) override { output.append(chunk); }
-  void onTick() override { stop = ++ticks == stopAt ? SIGINT : stop; }
+  void onTick() override {
+    ticks.push_back(std::chrono::steady_clock::now());
+    stop = ticks.size() == stopAt ? SIGINT : stop;
+  }
   void onFinish() override { ++finishes; }
   std::string output;
-  int ticks = 0, finishes = 0, stopAt = 0;
+  std::vector<std::chrono::steady_clock::time_point> ticks;
+  std::size_t stopAt = 0;
+  int finishes = 0;
   volatile std::sig_atomic_t stop = 0;
 };
 
