@@ -3,11 +3,8 @@
 # in a real browser.    report_test.sh REPORT-TOOL
 set -uo pipefail
 report=(/usr/bin/python3 "$(realpath "$1")")
-work=$(mktemp -d /tmp/fleet-report-test-XXXXXX)
-trap 'rm -rf "$work"' EXIT
+source "$(dirname "$0")/../lib.sh"
 cd "$(dirname "$0")/data/report" || exit 1  # relative names: the malformed lines' places read the same anywhere
-fail=0
-check() { "${@:2}" || { echo "FAIL: $1"; fail=1; }; }
 figures() { "${report[@]}" "${@:2}" kvm01.log kvm02=kvm02.log >"$work/got" && diff -u "$1" "$work/got"; }
 check "the text figures" figures expected.txt
 check "the JSON figures" figures expected.json --json
