@@ -1,25 +1,19 @@
 #!/usr/bin/env bash
 # The manual page and the bash completion agree with the program: the page has the same
 # options (with their value placeholders) and exit codes as --help and man renders it
-# without a warning; a Tab offers what data/completion.tsv says.
-#   man_completion_test.sh PROGRAM MAN-PAGE COMPLETION-FILE
-#   man_completion_test.sh --installed   as an administrator finds them once installed
+# without a warning; a Tab offers what data/completion.tsv says. round-trip.sh runs it
+# on the installed package too.    man_completion_test.sh PROGRAM MAN-PAGE COMPLETION-FILE
 set -uo pipefail
-if [ "$1" = --installed ]; then
-  program=orvane-v2v page=(orvane-v2v)
-  source /usr/share/bash-completion/bash_completion  # written for interactive shells: no -e
-  __load_completion orvane-v2v
-else
-  program=$1 page=(-l "$2")
-  source "$3"
-fi
+# The completion loaded as an interactive shell has it, beside bash-completion's own
+# functions (written for interactive shells: no -e).
+source /usr/share/bash-completion/bash_completion && source "$3"
 source "$(dirname "$0")/../lib.sh"
 
 # "  -o, --output-dir DIR   ..." and, under "Exit codes:", "  2  ..." in the usage text;
 # the page's tags at the first indent of OPTIONS and EXIT STATUS ("128+n" is no number).
-"$program" --help | sed -nE 's/^  ((-[a-z], )?--[a-z-]+( [A-Z]+)?)  .*/\L\1/p
+"$1" --help | sed -nE 's/^  ((-[a-z], )?--[a-z-]+( [A-Z]+)?)  .*/\L\1/p
   /^Exit codes:/,$ s/^  ([0-9]+)  .*/exit \1/p' | sort >"$work/usage"
-MANWIDTH=80 LC_ALL=C man --warnings "${page[@]}" 2>"$work/warnings" | sed -nE \
+MANWIDTH=80 LC_ALL=C man --warnings -l "$2" 2>"$work/warnings" | sed -nE \
   '/^OPTIONS/,/^[A-Z]/ s/^       (-.*)/\1/p; /^EXIT STATUS/,/^[A-Z]/ s/^       ([0-9]+) .*/exit \1/p' |
   sort >"$work/page"
 check "--help shows no options or no exit codes" test "$(cut -c1 "$work/usage" | uniq | xargs)" = "- e"
@@ -35,4 +29,3 @@ while IFS=$'\t' read -r -a words; do
   got=$( ((${#COMPREPLY[@]})) && printf '%s|' "${COMPREPLY[@]}" || echo none)
   check "orvane-v2v ${words[*]}<Tab> offers '$got', not '$want'" test "$got" = "$want"
 done < <(grep -v '^#' "$(dirname "$0")/data/completion.tsv")
-exit $fail
