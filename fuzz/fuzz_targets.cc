@@ -51,11 +51,10 @@ void descriptor(const std::string& text) {
   (void)sparseHeader(text);
 }
 
-// The first byte splits the rest into chunks, ending after each occurrence of it, so that
-// values arrive split as from a pipe. Once read, the percentage stays within 0..100 (NaN
-// included). File descriptor -1 is no terminal: the display parses but draws nothing.
+// The first byte splits the rest into chunks that end after each occurrence of it, as a
+// pipe splits values. Once read, the percentage stays within 0..100, NaN included.
 void qemuProgress(const std::string& input) {
-  QemuImgProgress progress("  converting disk 1/1", -1);
+  QemuImgProgress progress("  converting disk 1/1", -1);  // fd -1: parses, draws nothing
   bool seen = false;
   const auto check = [&] {
     seen = seen || progress.lastPercent() != -1;
@@ -90,8 +89,7 @@ void args(const std::string& input) {
   require(named);
 }
 
-// The boot fixer's readings of guestfish output: list-filesystems, a boolean answer and
-// the decision taken from the ESP probe, all on the same input.
+// The boot fixer's three readings of guestfish output, all on the same input.
 void guestfish(const std::string& output) {
   for (const std::string& device : parseVfatDevices(output))
     require(trimmed(device) && device.find_first_of(":\n") == device.npos);
@@ -117,7 +115,6 @@ void poolXml(const std::string& xml) {
 }  // namespace orvane::fuzz
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  orvane::fuzz::ORVANE_FUZZ_TARGET(
-      std::string(reinterpret_cast<const char*>(data), size));
+  orvane::fuzz::ORVANE_FUZZ_TARGET({reinterpret_cast<const char*>(data), size});
   return 0;
 }
