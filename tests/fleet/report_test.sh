@@ -19,5 +19,4 @@ HOME=$work timeout 120 chromium --headless --no-sandbox --disable-gpu --dump-dom
 check "the page loads in chromium: $(tail -3 "$work/chromium.err")" grep -q '<table id="results">' "$work/dom.html"
 for chart in results durations failures; do  # drawn: an SVG with paths in the loaded DOM
   check "the $chart chart is drawn" grep -Pzq \
-    "<figure class=\"chart\" id=\"chart-$chart\"><svg[^>]*>((?!</figure>)[\\s\\S])*<path" "$work/dom.html"
-done
+    "<figure class=\"chart\" id=\"chart-$chart\"><svg[^>]*>((?!</figure>)[\\s\\S])*<path" "$work/dom.html"; done

@@ -1,11 +1,9 @@
 #!/usr/bin/env bash
-# The manual page and the bash completion agree with the program: the page has the same
-# options (with their value placeholders) and exit codes as --help and man renders it
-# without a warning; a Tab offers what data/completion.tsv says. round-trip.sh runs it
-# on the installed package too.    man_completion_test.sh PROGRAM MAN-PAGE COMPLETION-FILE
-set -uo pipefail
-# The completion loaded as an interactive shell has it, beside bash-completion's own
-# functions (written for interactive shells: no -e).
+# The manual page and the bash completion agree with the program: the page has the options
+# (with their value placeholders) and exit codes of --help and man renders it without a
+# warning; a Tab offers what data/completion.tsv says (DIR: data/completion). round-trip.sh
+# runs it on the installed package too.  man_completion_test.sh PROGRAM MAN-PAGE COMPLETION
+set -uo pipefail  # no -e: bash-completion, loaded first as in an interactive shell, needs that
 source /usr/share/bash-completion/bash_completion && source "$3"
 source "$(dirname "$0")/../lib.sh"
 
@@ -20,11 +18,11 @@ check "--help shows no options or no exit codes" test "$(cut -c1 "$work/usage" |
 check "the page and --help differ (<: --help, >: the page)" diff "$work/usage" "$work/page"
 check "man warns: $(cat "$work/warnings")" test ! -s "$work/warnings"
 
-mkdir "$work/Web Server" "$work/web01" && touch "$work/web.vmx"
+dir=$(dirname "$0")/data/completion
 complete_fn=$(complete -p orvane-v2v | sed -n 's/.*-F \([^ ]*\) .*/\1/p')
 while IFS=$'\t' read -r -a words; do
-  want=${words[-1]//DIR/$work} && unset 'words[-1]'
-  COMP_WORDS=(orvane-v2v "${words[@]//DIR/$work}") COMP_CWORD=${#words[@]} COMPREPLY=()
+  want=${words[-1]//DIR/$dir} && unset 'words[-1]'
+  COMP_WORDS=(orvane-v2v "${words[@]//DIR/$dir}") COMP_CWORD=${#words[@]} COMPREPLY=()
   "${complete_fn:-false}" orvane-v2v "${COMP_WORDS[-1]}" "${COMP_WORDS[-2]}"
   got=$( ((${#COMPREPLY[@]})) && printf '%s|' "${COMPREPLY[@]}" || echo none)
   check "orvane-v2v ${words[*]}<Tab> offers '$got', not '$want'" test "$got" = "$want"

@@ -1,15 +1,13 @@
 #!/usr/bin/env bash
 # The package as an administrator meets it: built (scripts/package, lintian included),
-# installed with apt-get, used (--help, a dry run of the sample VM in data/, the manual
-# page, a Tab, the log-retention files), then purged, leaving none of its files.
-# Needs root and a set-up host (scripts/host-setup). Safe to run again: an earlier install
-# is purged first, and the sample's folder under /var/tmp is removed at the end.
+# installed with apt-get, used (--help, a dry run of data/'s sample VM, man page, a Tab, log
+# retention), then purged, leaving none of its files. Needs root and a set-up host
+# (scripts/host-setup); safe to run again, as an earlier install is purged first.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 export DEBIAN_FRONTEND=noninteractive
 fail() { echo "round-trip: FAILED: $*" >&2; exit 1; }
-installed() { dpkg -s orvane-v2v >/dev/null 2>&1; }
-purge() { ! installed || apt-get purge -y -qq orvane-v2v >/dev/null; }
+purge() { ! dpkg -s orvane-v2v >/dev/null 2>&1 || apt-get purge -y -qq orvane-v2v >/dev/null; }
 [ "$(id -u)" -eq 0 ] || fail "must run as root (it installs the package)"
 deb=$(bash scripts/package | tail -n1)
 [ -f "$deb" ] || fail "scripts/package printed no package path (got '$deb')"
@@ -29,8 +27,7 @@ bash tests/packaging/man_completion_test.sh orvane-v2v "$(man -w orvane-v2v)" \
   /usr/share/bash-completion/completions/orvane-v2v || fail "the installed page or completion"
 
 # The dry run writes its logs into a private tmpfs, not into the host's /var/log.
-mkdir "$work/$name" && cp "tests/packaging/data/$name.vmx" "$work/$name/"
-qemu-img create -q -f vmdk "$work/$name/$name.vmdk" 64M
+cp -r "tests/packaging/data/$name" "$work/" && qemu-img create -q -f vmdk "$work/$name/$name.vmdk" 64M
 dry=$(unshare --mount bash -c 'mount -t tmpfs orvane-roundtrip /var/log || exit 90
   orvane-v2v -p "$1" --dry-run && ls /var/log/orvane/v2v/ && cat /var/log/orvane/orvane-v2v.log' \
   bash "$work/$name" 2>&1) || fail "the dry run failed:"$'\n'"$dry"
@@ -44,7 +41,6 @@ if command -v systemd-tmpfiles >/dev/null; then  # hosts without systemd may lac
 fi
 
 purge
-! installed || fail "orvane-v2v is still known to dpkg after the purge"
 for path in "${listed[@]}"; do  # shared folders (/usr, /etc, ...) stay
   [ -d "$path" ] && [ ! -L "$path" ] && [[ $path != *orvane* ]] && continue
   [ ! -e "$path" ] && [ ! -L "$path" ] || fail "left after the purge: $path"

@@ -3,7 +3,6 @@
 # apart, said in one line and recorded, and a guest that hangs is given up on within the
 # bound, even when it ignores SIGTERM.    host_setup_kvm_test.sh HOST-SETUP
 set -uo pipefail
-setup=$(realpath "$1")
 source "$(dirname "$0")/../lib.sh"
 tcg="; guests and the libguestfs appliance run under TCG emulation"
 # The fake qemu notes its pid and arguments in the row's folder, then does as the row says.
@@ -14,7 +13,7 @@ while IFS='|' read -r finding body said; do
   row=$(mktemp -d "$work/row-XXXX") start=$SECONDS
   [ "$body" = none ] || touch "$row/kvm"
   said_now=$(PATH=$work/bin:$PATH ROW=$row BODY=$body ORVANE_KVM_DEVICE=$row/kvm \
-    ORVANE_KVM_STATE=$row/state/kvm ORVANE_KVM_SECONDS=2 bash "$setup" --kvm-only 2>&1)
+    ORVANE_KVM_STATE=$row/state/kvm ORVANE_KVM_SECONDS=2 bash "$1" --kvm-only 2>&1)
   got="exit $?, recorded $(cat "$row/state/kvm"), said: $said_now"
   # The bound, the grace before SIGKILL, and room for a loaded machine.
   ((SECONDS - start < 12)) || got+=", took $((SECONDS - start)) s"
