@@ -45,7 +45,8 @@ fi
 for file in sshd_config ansible.cfg inventory.yml; do
   sed "s|@WORK@|$work|g; s|@SRC@|$src|g; s|@PROGRAM@|$program|g; s|@REPORT@|$report|g" \
     "$data/wave/$file" >"$work/$file"; done
-/usr/sbin/sshd -f "$work/sshd_config" -E "$work/sshd.log" || { cat "$work/sshd.log"; exit 1; }
+if ss -Hltn "sport = :22122" | grep -q .; then echo "FAIL: port 22122 is taken"; exit 1; fi
+/usr/sbin/sshd -f "$work/sshd_config" -E "$work/sshd.log"
 export ANSIBLE_CONFIG=$work/ansible.cfg HOME=$work  # ansible's and ssh's state stay here
 
 # What a wave did, in the form of data/wave/<wave>. Left out: the records' times, and the
