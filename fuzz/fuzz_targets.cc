@@ -1,14 +1,14 @@
 // The libFuzzer targets: fuzz/CMakeLists.txt compiles this file once per function below,
 // naming it in ORVANE_FUZZ_TARGET. Each traps when the code under test breaks a rule of
 // its own output; crashes, leaks and undefined behaviour end the run by themselves.
-#include <cctype>
+#include <algorithm>
 #include <cstdint>
-#include <sstream>
 
 #include "boot_fixer/esp_probe.h"
 #include "cli/parse_args.h"
 #include "libvirt_backend/virsh_libvirt_backend.h"
 #include "progress/qemu_img_progress.h"
+#include "text/text.h"
 #include "vmx/vmdk_descriptor.h"
 #include "vmx/vmx_reader.h"
 
@@ -17,22 +17,16 @@ namespace orvane::fuzz {
 void require(bool rule) {
   if (!rule) __builtin_trap();
 }
-bool trimmed(std::string_view s) {
-  const std::string_view blank = " \t\r\n";
-  return !s.empty() && blank.find(s.front()) == s.npos && blank.find(s.back()) == s.npos;
-}
-std::string lower(std::string s) {
-  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return s;
-}
+bool trimmed(std::string_view s) { return !s.empty() && trim(s) == s; }
 
 // In a folder that does not exist, so that relative disk names open nothing.
 void vmx(const std::string& text) {
   const VmxData vmx = parseVmxText(text, "/nonexistent");
   require(!vmx.numVcpus.empty() && !vmx.firmware.empty());
-  require(lower(vmx.guestOs) == vmx.guestOs && lower(vmx.firmware) == vmx.firmware);
+  require(toLowerAscii(vmx.guestOs) == vmx.guestOs &&
+          toLowerAscii(vmx.firmware) == vmx.firmware);
   for (const std::string& path : vmx.vmdkFiles)  // joined to the folder: always absolute
-    require(path.starts_with("/") && lower(path).ends_with(".vmdk"));
+    require(path.starts_with("/") && toLowerAscii(path).ends_with(".vmdk"));
   require(vmx.snapDisks.size() <= vmx.vmdkFiles.size() &&
           vmx.diskDevices.size() == vmx.vmdkFiles.size() &&
           (!vmx.hddOrderApplied || !vmx.vmdkFiles.empty()));
@@ -57,11 +51,10 @@ void descriptor(const std::string& text) {
   (void)sparseHeader(text);
 }
 
-// The first byte splits the rest into chunks, ending after each occurrence of it, so that
-// values arrive split as from a pipe. Once read, the percentage stays within 0..100 (NaN
-// included). File descriptor -1 is no terminal: the display parses but draws nothing.
+// The first byte splits the rest into chunks that end after each occurrence of it, as a
+// pipe splits values. Once read, the percentage stays within 0..100, NaN included.
 void qemuProgress(const std::string& input) {
-  QemuImgProgress progress("  converting disk 1/1", -1);
+  QemuImgProgress progress("  converting disk 1/1", -1);  // fd -1: parses, draws nothing
   bool seen = false;
   const auto check = [&] {
     seen = seen || progress.lastPercent() != -1;
@@ -77,17 +70,15 @@ void qemuProgress(const std::string& input) {
   check();
 }
 
-// An argument vector: the input split at NUL bytes.
+// An argument vector: the input split at NUL bytes, no word at all for an empty input.
 void args(const std::string& input) {
   std::vector<std::string> words;
-  std::istringstream in(input);
-  for (std::string word; std::getline(in, word, '\0');) words.push_back(word);
-  std::string program = "orvane-v2v", joined;
+  if (!input.empty())
+    for (std::string_view word : split(input, '\0')) words.emplace_back(word);
+  std::string program = "orvane-v2v", joined = input;
+  std::ranges::replace(joined, '\0', ' ');
   std::vector<char*> argv{program.data()};
-  for (std::string& word : words) {
-    joined += (argv.size() > 1 ? " " : "") + word;
-    argv.push_back(word.data());
-  }
+  for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
   const ParseResult result = parseArgs(static_cast<int>(argv.size() - 1), argv.data());
   require(result.options.invocation == joined &&
@@ -98,8 +89,7 @@ void args(const std::string& input) {
   require(named);
 }
 
-// The boot fixer's readings of guestfish output: list-filesystems, a boolean answer and
-// the decision taken from the ESP probe, all on the same input.
+// The boot fixer's three readings of guestfish output, all on the same input.
 void guestfish(const std::string& output) {
   for (const std::string& device : parseVfatDevices(output))
     require(trimmed(device) && device.find_first_of(":\n") == device.npos);
@@ -125,7 +115,6 @@ void poolXml(const std::string& xml) {
 }  // namespace orvane::fuzz
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  orvane::fuzz::ORVANE_FUZZ_TARGET(
-      std::string(reinterpret_cast<const char*>(data), size));
+  orvane::fuzz::ORVANE_FUZZ_TARGET({reinterpret_cast<const char*>(data), size});
   return 0;
 }

@@ -3,11 +3,8 @@
 # in a real browser.    report_test.sh REPORT-TOOL
 set -uo pipefail
 report=(/usr/bin/python3 "$(realpath "$1")")
-work=$(mktemp -d /tmp/fleet-report-test-XXXXXX)
-trap 'rm -rf "$work"' EXIT
+source "$(dirname "$0")/../lib.sh"
 cd "$(dirname "$0")/data/report" || exit 1  # relative names: the malformed lines' places read the same anywhere
-fail=0
-check() { "${@:2}" || { echo "FAIL: $1"; fail=1; }; }
 figures() { "${report[@]}" "${@:2}" kvm01.log kvm02=kvm02.log >"$work/got" && diff -u "$1" "$work/got"; }
 check "the text figures" figures expected.txt
 check "the JSON figures" figures expected.json --json
@@ -22,6 +19,4 @@ HOME=$work timeout 120 chromium --headless --no-sandbox --disable-gpu --dump-dom
 check "the page loads in chromium: $(tail -3 "$work/chromium.err")" grep -q '<table id="results">' "$work/dom.html"
 for chart in results durations failures; do  # drawn: an SVG with paths in the loaded DOM
   check "the $chart chart is drawn" grep -Pzq \
-    "<figure class=\"chart\" id=\"chart-$chart\"><svg[^>]*>((?!</figure>)[\\s\\S])*<path" "$work/dom.html"
-done
-exit $fail
+    "<figure class=\"chart\" id=\"chart-$chart\"><svg[^>]*>((?!</figure>)[\\s\\S])*<path" "$work/dom.html"; done

@@ -1,26 +1,23 @@
 #!/usr/bin/env bash
-# A whole wave over SSH with the real tools: three "hosts" (one sshd of our own on
-# 127.0.0.2-4, all this machine) migrate the small VMware folders of data/vms. One VM runs
-# on a snapshot (blocked), one has more vCPUs than libvirt allows (refused at its
-# definition, after its disk was converted). Each wave's outcome must read as
-# data/wave/<wave>: a --check, a wave stopped by the blocker, one that skips it, and again.
+# A whole wave over SSH with the real tools: three "hosts" (an sshd of our own on
+# 127.0.0.2-4) migrate data/vms; one VM runs on a snapshot (blocked), one has more vCPUs
+# than libvirt allows (refused at its definition, after its disk was converted). Each
+# wave's outcome must read as data/wave/<wave>. With ORVANE_DEB set to a package, the wave
+# installs it (purged at the end if it was new); otherwise it runs the build tree's program.
 #   wave_test.sh SOURCE-DIR BINARY-DIR
-# With ORVANE_DEB set to a package, the wave installs it on the hosts (and the test purges
-# it if it was not installed before); otherwise it runs the build tree's program.
 set -euo pipefail
 src=$(realpath "$1") bin=$(realpath "$2") data=$(cd "$(dirname "$0")/data" && pwd)
-names=(fleet-wave-{derived,named,ok2,snap,ok3,wide})
+names=(fleet-wave-{derived,named,ok2,snap,ok3,wide}) purge=
 [ "$(id -u)" -eq 0 ] || { echo "SKIP: must run as root"; exit 77; }
 for tool in ansible-playbook ansible-lint /usr/sbin/sshd qemu-img virsh unshare; do
-  command -v "$tool" >/dev/null || { echo "SKIP: $tool is missing (scripts/install-deps)"; exit 77; }
-done
+  command -v "$tool" >/dev/null || { echo "SKIP: $tool is missing (scripts/install-deps)"; exit 77; }; done
 # The wave's records must be its own: a tmpfs over the log folder, in a mount namespace
 # whose view the sshd started inside it hands to every SSH session.
 [ -n "${FLEET_WAVE_ISOLATED:-}" ] ||
   exec env FLEET_WAVE_ISOLATED=1 unshare --mount --propagation private "$0" "$@"
 mkdir -p /var/log/orvane && mount -t tmpfs fleet-wave-logs /var/log/orvane
 
-work=$(mktemp -d /var/tmp/fleet-wave-XXXXXX) purge=
+work_root=/var/tmp source "$(dirname "$0")/../lib.sh"
 undefine() { for n in "${names[@]}"; do virsh undefine "$n" >/dev/null 2>&1 || true; done; }
 cleanup() {
   set +e; shopt -s nullglob
@@ -33,13 +30,10 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 143' TERM INT HUP  # so that a test cut short still cleans up
 undefine                      # what a run cut short may have left
-fail=0
-check() { "${@:2}" || { echo "FAIL: $1"; fail=1; }; }
 
 cp -r "$data/vms" "$work/vmware"
 for vm in "$work"/vmware/*/; do qemu-img create -q -f vmdk "$vm/disk.vmdk" 16M; done
-(cd "$work/vmware/fleet-wave-snap" && mv disk.vmdk base.vmdk &&
-  qemu-img create -q -f vmdk -b base.vmdk -F vmdk disk.vmdk)  # the .vmx names a delta
+qemu-img create -q -f vmdk -b disk.vmdk -F vmdk "$work/vmware/fleet-wave-snap/disk-000001.vmdk"
 mkdir -p "$work"/{ssh,cp,out/1,out/2,out/3} /run/sshd
 for key in host_key client_key; do ssh-keygen -q -t ed25519 -N "" -f "$work/ssh/$key"; done
 program=$bin/orvane-v2v report=$src/fleet/report/orvane-v2v-report install=(--skip-tags install)
@@ -49,17 +43,14 @@ if [ -n "${ORVANE_DEB:-}" ]; then
   install=(-e "orvane_v2v_package_deb=$(realpath "$ORVANE_DEB")")
 fi
 for file in sshd_config ansible.cfg inventory.yml; do
-  sed -e "s|@WORK@|$work|g" -e "s|@SRC@|$src|g" -e "s|@PROGRAM@|$program|g" \
-    -e "s|@REPORT@|$report|g" "$data/wave/$file" >"$work/$file"
-done
+  sed "s|@WORK@|$work|g; s|@SRC@|$src|g; s|@PROGRAM@|$program|g; s|@REPORT@|$report|g" \
+    "$data/wave/$file" >"$work/$file"; done
 if ss -Hltn "sport = :22122" | grep -q .; then echo "FAIL: port 22122 is taken"; exit 1; fi
 /usr/sbin/sshd -f "$work/sshd_config" -E "$work/sshd.log"
 export ANSIBLE_CONFIG=$work/ansible.cfg HOME=$work  # ansible's and ssh's state stay here
 
-# What a wave did, in the form of data/wave/<wave>: its exit code, the hosts it failed,
-# the tasks that changed something (but the controller's collection, new at every wave),
-# what it said of each VM, the defined VMs' disks, the images, every outcome record
-# without its times, what was collected, and the report pages written.
+# What a wave did, in the form of data/wave/<wave>. Left out: the records' times, and the
+# collecting on the controller, which changes something at every wave.
 outcome() {
   set +e; shopt -s nullglob
   echo "exit $([ "$rc" -eq 0 ] && echo 0 || echo non-zero)"
@@ -69,24 +60,20 @@ outcome() {
     /^changed: / && task !~ /^(Keep this host|Fetch the run logs|Make the report)/ {
       print "changed:", task, $2 }' "$work/$1.out" | sort -u
   grep -o '"msg": ".*"' "$work/$1.out" | sed "s|$work|WORK|g" | sort
-  for n in "${names[@]}"; do
-    virsh domblklist "$n" 2>/dev/null | awk -v n="$n" 'NR > 2 && NF { print "defined:", n, $1 }'
-  done
+  for n in "${names[@]}"; do virsh domblklist "$n" 2>/dev/null |
+    awk -v n="$n" 'NR > 2 && NF { print "defined:", n, $1 }'; done
   (cd "$work/out" && find . -type f | sort | sed 's|^\./|image: |')
   sed -E 's/^\[[^]]*\] /record: /; s/ (duration|version)=[^ ]*//g' \
     /var/log/orvane/orvane-v2v.log | sort | uniq -c
   for h in "$work"/collected/fleet-kvm*; do
     echo "collected: ${h##*/} records of" \
       "$(sed -E 's/.* vm=(.*) result=.*/\1/' "$h/orvane-v2v.log" | sort -u | xargs)," \
-      "run logs of $(ls "$h/v2v" | sed -E 's/-[0-9]{4}(-[0-9]{2}){2}_.*//' | sort -u | xargs)"
-  done
+      "run logs of $(ls "$h/v2v" | sed -E 's/-[0-9]{4}(-[0-9]{2}){2}_.*//' | sort -u | xargs)"; done
   echo "report pages: $(find "$work/collected" -name 'report-*.html' -size +0 2>/dev/null | wc -l)"
 }
 wave() {  # wave NAME ARGS...: runs the playbook and compares its outcome
-  rc=0
   ansible-playbook -i "$work/inventory.yml" orvane.v2v.wave "${@:2}" "${install[@]}" \
-    >"$work/$1.out" 2>"$work/$1.err" || rc=$?
-  echo "== wave $1: exit $rc"
+    >"$work/$1.out" 2>"$work/$1.err" && rc=0 || rc=$?
   [ "$1" = install ] || check "the $1 wave's outcome" diff -u "$data/wave/$1" <(outcome "$1")
 }
 stamps() { for n in "${names[@]}"; do virsh domuuid "$n" 2>&1 || true; done; stat -c '%n %Y' "$work"/out/*/*; }
@@ -103,8 +90,7 @@ wave first -e orvane_v2v_skip_blocked=true
 stamps >"$work/stamps"
 wave again -e orvane_v2v_skip_blocked=true
 check "the second wave leaves the VMs and images as they were" diff "$work/stamps" <(stamps)
-(cd "$src/fleet/ansible_collections/orvane/v2v" &&
-  ansible-lint --offline --profile production -q >"$work/lint.out" 2>&1) ||
-  { echo "FAIL: ansible-lint"; cat "$work/lint.out"; fail=1; }
+check ansible-lint \
+  env -C "$src/fleet/ansible_collections/orvane/v2v" ansible-lint --offline --profile production -q
 [ "$fail" -eq 0 ] || for f in "$work"/*.err; do echo "--- $f"; tail -20 "$f"; done
 exit $fail

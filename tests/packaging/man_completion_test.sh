@@ -1,42 +1,29 @@
 #!/usr/bin/env bash
-# The manual page and the bash completion agree with the program: the page has the same
-# options (with their value placeholders) and exit codes as --help and man renders it
-# without a warning; a Tab offers what data/completion.tsv says.
-#   man_completion_test.sh PROGRAM MAN-PAGE COMPLETION-FILE
-#   man_completion_test.sh --installed   as an administrator finds them once installed
-set -uo pipefail
-if [ "$1" = --installed ]; then
-  program=orvane-v2v page=(orvane-v2v)
-  source /usr/share/bash-completion/bash_completion  # written for interactive shells: no -e
-  __load_completion orvane-v2v
-else
-  program=$1 page=(-l "$2")
-  source "$3"
-fi
-dir=$(mktemp -d /tmp/orvane-packaging.XXXXXX)
-trap 'rm -rf -- "$dir"' EXIT
-fail=0
-check() { "${@:2}" || { echo "FAIL: $1"; fail=1; }; }
+# The manual page and the bash completion agree with the program: the page has the options
+# (with their value placeholders) and exit codes of --help and man renders it without a
+# warning; a Tab offers what data/completion.tsv says (DIR: data/completion). round-trip.sh
+# runs it on the installed package too.  man_completion_test.sh PROGRAM MAN-PAGE COMPLETION
+set -uo pipefail  # no -e: bash-completion, loaded first as in an interactive shell, needs that
+source /usr/share/bash-completion/bash_completion && source "$3"
+source "$(dirname "$0")/../lib.sh"
 
 # "  -o, --output-dir DIR   ..." and, under "Exit codes:", "  2  ..." in the usage text;
 # the page's tags at the first indent of OPTIONS and EXIT STATUS ("128+n" is no number).
-"$program" --help | sed -nE 's/^  ((-[a-z], )?--[a-z-]+( [A-Z]+)?)  .*/\L\1/p
-  /^Exit codes:/,$ s/^  ([0-9]+)  .*/exit \1/p' | sort >"$dir/usage"
-MANWIDTH=80 LC_ALL=C man --warnings "${page[@]}" 2>"$dir/warnings" | sed -nE \
+"$1" --help | sed -nE 's/^  ((-[a-z], )?--[a-z-]+( [A-Z]+)?)  .*/\L\1/p
+  /^Exit codes:/,$ s/^  ([0-9]+)  .*/exit \1/p' | sort >"$work/usage"
+MANWIDTH=80 LC_ALL=C man --warnings -l "$2" 2>"$work/warnings" | sed -nE \
   '/^OPTIONS/,/^[A-Z]/ s/^       (-.*)/\1/p; /^EXIT STATUS/,/^[A-Z]/ s/^       ([0-9]+) .*/exit \1/p' |
-  sort >"$dir/page"
-check "--help shows no options or no exit codes" test "$(cut -c1 "$dir/usage" | uniq | xargs)" = "- e"
-check "the page and --help differ (<: --help, >: the page)" diff "$dir/usage" "$dir/page"
-check "man warns: $(cat "$dir/warnings")" test ! -s "$dir/warnings"
+  sort >"$work/page"
+check "--help shows no options or no exit codes" test "$(cut -c1 "$work/usage" | uniq | xargs)" = "- e"
+check "the page and --help differ (<: --help, >: the page)" diff "$work/usage" "$work/page"
+check "man warns: $(cat "$work/warnings")" test ! -s "$work/warnings"
 
-mkdir "$dir/Web Server" "$dir/web01" && touch "$dir/web.vmx"
+dir=$(dirname "$0")/data/completion
 complete_fn=$(complete -p orvane-v2v | sed -n 's/.*-F \([^ ]*\) .*/\1/p')
 while IFS=$'\t' read -r -a words; do
-  [[ ${words[0]} == \#* ]] && continue
   want=${words[-1]//DIR/$dir} && unset 'words[-1]'
   COMP_WORDS=(orvane-v2v "${words[@]//DIR/$dir}") COMP_CWORD=${#words[@]} COMPREPLY=()
   "${complete_fn:-false}" orvane-v2v "${COMP_WORDS[-1]}" "${COMP_WORDS[-2]}"
   got=$( ((${#COMPREPLY[@]})) && printf '%s|' "${COMPREPLY[@]}" || echo none)
   check "orvane-v2v ${words[*]}<Tab> offers '$got', not '$want'" test "$got" = "$want"
-done <"$(dirname "$0")/data/completion.tsv"
-exit $fail
+done < <(grep -v '^#' "$(dirname "$0")/data/completion.tsv")
