@@ -1,7 +1,5 @@
-// The ESP probe's pure readers on guestfish's answers, then the fixer against a fake
-// guestfish that reads its commands a line at a time and answers like the real one:
-// each case of data/sessions.txt runs the fix and the prediction and checks the whole
-// session held, the command line and the results.
+// The ESP probe's readers on guestfish's answers, then the fix and the prediction of
+// each case of data/sessions.txt against a fake guestfish that answers like the real one.
 #include "boot_fixer/guestfish_boot_fixer.h"
 
 #include <signal.h>
@@ -30,9 +28,8 @@ TEST(EspProbe, EachAnswerReadsAsExpected) {
   }
 }
 
-// The case's listing and probe answered; is-dir true only for its ESP mounted
-// read-only; a command without "-" that fails ends guestfish with exit 1; "hang"
-// starts an appliance that ignores SIGTERM, and nothing is answered.
+// It reads a line at a time; is-dir is true only for the case's ESP mounted read-only;
+// a failed command without "-" ends it; "hang" starts an appliance deaf to SIGTERM.
 // clang-format off
 const char kFakeGuestfish[] = R"sh(d=$(dirname "$0")
 if [ -s $d/hang ]; then (trap '' TERM; exec sleep 60) & echo $! > $d/appliance; fi

@@ -17,10 +17,9 @@ DomainSpec specOf(const Case& c) {
                   {},      {}};
   if (!c["vcpus"].empty()) spec.vcpus = std::stoi(c["vcpus"]);
   if (!c["memory"].empty()) spec.memoryMb = std::stoll(c["memory"]);
-  for (const std::string& disk : c.all("disk")) {
+  for (const std::string& disk : c.all("disk"))
     spec.disks.push_back(
         {disk.substr(0, disk.rfind(' ')), disk.substr(disk.rfind(' ') + 1)});
-  }
   for (const std::string& nic : c.all("nic")) {
     const std::size_t blank = std::min(nic.find(' '), nic.size());
     spec.nics.push_back(

@@ -1,7 +1,5 @@
-// What the reader makes of each .vmx in data/ (as VMware products, OVF imports and
-// hand edits leave them) and of small texts that pin the line grammar down; then the
-// files behind each disk, on folders that the cases of data/disk_files.txt build, and
-// what is read from descriptor texts.
+// The reader on the .vmx files and texts of data/, the disk files' problems on folders
+// that data/disk_files.txt builds, and what is read from descriptor texts.
 #include <sys/stat.h>
 
 #include <filesystem>
