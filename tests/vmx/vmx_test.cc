@@ -97,10 +97,9 @@ TEST(VmdkDescriptor, EachTextReadsAsExpected) {
     const DescriptorInfo info = parseDescriptor(row.at(4));
     EXPECT_EQ(joined({descriptorHasParent(row[4]) ? "yes" : "no", info.createType,
                       isRawDeviceCreateType(info.createType) ? "yes" : "no",
-                      joined(info.extents)},
+                      joined(info.extents), row[4]},
                      "\t"),
-              joined({row[0], row[1], row[2], row[3]}, "\t"))
-        << row[4];
+              joined(row, "\t"));
   }
 }
 
