@@ -12,7 +12,7 @@
 namespace orvane::testing {
 namespace {
 
-const std::string kData = std::string(ORVANE_SOURCE_DIR) + "/tests/boot_fixer/data";
+const std::string kData = ORVANE_SOURCE_DIR "/tests/boot_fixer/data";
 
 TEST(EspProbe, EachAnswerReadsAsExpected) {
   const char* kinds[] = {"present", "copy", "none"};

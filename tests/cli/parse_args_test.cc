@@ -7,8 +7,7 @@ namespace orvane::testing {
 namespace {
 
 TEST(ParseArgs, EachCommandLineParsesAsExpected) {
-  for (const Case& c :
-       readCases(std::string(ORVANE_SOURCE_DIR) + "/tests/cli/data/parse.txt")) {
+  for (const Case& c : readCases(ORVANE_SOURCE_DIR "/tests/cli/data/parse.txt")) {
     std::vector<std::string> words = c.all("arg");
     words.insert(words.begin(), "orvane-v2v");
     std::vector<char*> argv;

@@ -8,8 +8,7 @@
 namespace orvane::testing {
 namespace {
 
-const std::string kData =
-    std::string(ORVANE_SOURCE_DIR) + "/tests/domain_xml_builder/data";
+const std::string kData = ORVANE_SOURCE_DIR "/tests/domain_xml_builder/data";
 
 /// The case's VM: its "disk: PATH BUS" and "nic: MODEL [MAC]" lines, the rest defaults.
 DomainSpec specOf(const Case& c) {

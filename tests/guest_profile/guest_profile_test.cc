@@ -5,7 +5,7 @@
 namespace orvane::testing {
 namespace {
 
-const std::string kData = std::string(ORVANE_SOURCE_DIR) + "/tests/guest_profile/data";
+const std::string kData = ORVANE_SOURCE_DIR "/tests/guest_profile/data";
 
 TEST(GuestProfile, ClassifiesGuestsAndNames) {
   for (const std::vector<std::string>& row : readRows(kData + "/guest_os.tsv")) {

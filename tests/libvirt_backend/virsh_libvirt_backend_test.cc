@@ -42,8 +42,8 @@ std::string answer(const Case& c, RecordingProgress& progress) {
 }
 
 TEST(VirshLibvirtBackend, EachCallRunsAndAnswersAsExpected) {
-  for (const Case& c : readCases(std::string(ORVANE_SOURCE_DIR) +
-                                 "/tests/libvirt_backend/data/calls.txt")) {
+  for (const Case& c :
+       readCases(ORVANE_SOURCE_DIR "/tests/libvirt_backend/data/calls.txt")) {
     FakeTools tools;
     writeFile(tools.dir() + "/out", c["out"]);
     tools.addRecording("virsh", "d=" + tools.dir() + "\n" +

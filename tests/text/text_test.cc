@@ -27,7 +27,7 @@ std::string apply(const std::string& helper, const std::string& s) {
 
 TEST(Text, EachHelperOnItsEdgeCases) {
   for (const std::vector<std::string>& row :
-       readRows(std::string(ORVANE_SOURCE_DIR) + "/tests/text/data/helpers.tsv")) {
+       readRows(ORVANE_SOURCE_DIR "/tests/text/data/helpers.tsv")) {
     EXPECT_EQ(apply(row[0], row.at(1)), row.at(2)) << row[0] << " '" << row[1] << "'";
   }
 }

@@ -12,7 +12,7 @@
 namespace orvane::testing {
 namespace {
 
-const std::string kData = std::string(ORVANE_SOURCE_DIR) + "/tests/vmx/data";
+const std::string kData = ORVANE_SOURCE_DIR "/tests/vmx/data";
 
 TEST(VmxReader, EachCaseReadsAsExpected) {
   const std::string n(200000, '7');
