@@ -20,9 +20,8 @@ std::string apply(const std::string& helper, const std::string& s) {
   if (helper == "lines") return bracketed(splitLines(s));
   if (helper == "nonblank") return bracketed(nonBlankLines(s));
   if (helper == "vmx") return endsWithLower(s, ".vmx") ? "y" : "n";
-  std::string out = helper == "name" ? "" : "no helper " + helper;
-  for (char c : s) out += isVmNameChar(c) ? 'y' : 'n';
-  return out;
+  if (helper == "name") return isVmNameChar(s.at(0)) ? "y" : "n";
+  return "no helper " + helper;
 }
 
 TEST(Text, EachHelperOnItsEdgeCases) {
