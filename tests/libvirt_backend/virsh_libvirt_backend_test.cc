@@ -17,8 +17,8 @@ std::string text(const std::vector<std::pair<std::string, std::string>>& xmls) {
   return joined(out);
 }
 
-/// What the call answered, as text.
-std::string answer(const Case& c, RecordingProgress& progress) {
+/// What the call answered, as text, or the error it threw.
+std::string answer(const Case& c, RecordingProgress& progress) try {
   VirshLibvirtBackend virsh;
   const std::string call = c["call"], arg = c["arg"];
   if (call == "isReachable") return text(virsh.isReachable());
@@ -33,12 +33,10 @@ std::string answer(const Case& c, RecordingProgress& progress) {
   if (call == "dumpBatchXml") return text(dumpBatchXml(c.all("arg"), "N"));
   if (call == "dumpAllDomainXml") return text(virsh.dumpAllDomainXml());
   if (call == "undefineDomain") virsh.undefineDomain(arg);
-  try {
-    if (call == "defineDomain") virsh.defineDomain(arg, &progress);
-  } catch (const V2vError& e) {
-    return std::string("error: ") + e.what();
-  }
+  if (call == "defineDomain") virsh.defineDomain(arg, &progress);
   return "";
+} catch (const V2vError& e) {
+  return std::string("error: ") + e.what();
 }
 
 TEST(VirshLibvirtBackend, EachCallRunsAndAnswersAsExpected) {
