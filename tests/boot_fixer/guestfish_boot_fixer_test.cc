@@ -52,8 +52,7 @@ done)sh";
 // clang-format on
 
 TEST(GuestfishBootFixer, EachSessionGoesAsExpected) {
-  const std::vector<std::string> disks = {"/images/my vm-sda.qcow2",
-                                          "/images/my vm-sdb.qcow2"};
+  const std::vector<std::string> disks = {"/i/my vm-sda.qcow2", "/i/my vm-sdb.qcow2"};
   const char* outcomes[] = {"applied", "no-esp", "error", "ambiguous"};
   for (const Case& c : readCases(kData + "/sessions.txt")) {
     for (const bool ro : {false, true}) {
