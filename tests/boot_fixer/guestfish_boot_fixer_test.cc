@@ -1,7 +1,5 @@
-// The ESP probe's pure readers on guestfish's answers, then the fixer against a fake
-// guestfish that reads its commands a line at a time and answers like the real one:
-// each case of data/sessions.txt runs the fix and the prediction and checks the whole
-// session held, the command line and the results.
+// The ESP probe's readers on guestfish's answers, then the fix and the prediction of
+// each case of data/sessions.txt against a fake guestfish that answers like the real one.
 #include "boot_fixer/guestfish_boot_fixer.h"
 
 #include <signal.h>
@@ -14,7 +12,7 @@
 namespace orvane::testing {
 namespace {
 
-const std::string kData = std::string(ORVANE_SOURCE_DIR) + "/tests/boot_fixer/data";
+const std::string kData = ORVANE_SOURCE_DIR "/tests/boot_fixer/data";
 
 TEST(EspProbe, EachAnswerReadsAsExpected) {
   const char* kinds[] = {"present", "copy", "none"};
@@ -30,16 +28,15 @@ TEST(EspProbe, EachAnswerReadsAsExpected) {
   }
 }
 
-// The case's listing and probe answered; is-dir true only for its ESP mounted
-// read-only; a command without "-" that fails ends guestfish with exit 1; "hang"
-// starts an appliance that ignores SIGTERM, and nothing is answered.
+// It reads a line at a time; is-dir is true only for the case's ESP mounted read-only;
+// a failed command without "-" ends it; "hang" starts an appliance deaf to SIGTERM.
 // clang-format off
 const char kFakeGuestfish[] = R"sh(d=$(dirname "$0")
 if [ -s $d/hang ]; then (trap '' TERM; exec sleep 60) & echo $! > $d/appliance; fi
 while IFS= read -r line; do
   [ -s $d/hang ] && sleep 60
-  case "$line" in 'echo '*) ;; *) printf '%s\n' "$line" >> $d/session;; esac
-  [ "$line" = "$(cat $d/die-at)" ] && kill -9 $$
+  case "$line" in 'echo '*) ;; *) printf '%s\n' "$line" >> $d/held;; esac
+  [ "$line" = "$(cat $d/die-at 2>/dev/null)" ] && kill -9 $$
   case "$line" in
     'echo '*) printf '%s\n' "${line#echo }";;
     list-filesystems) cat $d/listing; [ -s $d/listing-fails ] && exit 1;;
@@ -55,37 +52,33 @@ done)sh";
 // clang-format on
 
 TEST(GuestfishBootFixer, EachSessionGoesAsExpected) {
-  const std::vector<std::string> disks = {"/images/my vm-sda.qcow2",
-                                          "/images/my vm-sdb.qcow2"};
+  const std::vector<std::string> disks = {"/i/my vm-sda.qcow2", "/i/my vm-sdb.qcow2"};
   const char* outcomes[] = {"applied", "no-esp", "error", "ambiguous"};
   for (const Case& c : readCases(kData + "/sessions.txt")) {
-    for (const std::string mode : {"--rw", "--ro"}) {
+    for (const bool ro : {false, true}) {
       FakeTools tools;
-      for (const char* key : {"listing", "listing-fails", "esp", "probe", "write-fails",
-                              "die-at", "hang"}) {
-        writeFile(tools.dir() + "/" + key, c[key]);
-      }
+      for (const auto& [key, value] : c.fields) writeFile(tools.dir() + "/" + key, value);
       tools.addRecording("guestfish", kFakeGuestfish);
       RecordingProgress progress;
       progress.stopAt = c["hang"].empty() ? 0 : 3;
       const auto started = std::chrono::steady_clock::now();
+      GuestfishBootFixer fixer;
       const BootFixPrediction p =
-          mode == "--ro"
-              ? GuestfishBootFixer().predictEfiFallback(disks, &progress, &progress.stop)
-              : BootFixPrediction{GuestfishBootFixer().ensureEfiFallback(disks, &progress,
-                                                                         &progress.stop),
-                                  ""};
+          ro ? fixer.predictEfiFallback(disks, &progress, &progress.stop)
+             : BootFixPrediction{
+                   fixer.ensureEfiFallback(disks, &progress, &progress.stop), ""};
       EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(20));
-      EXPECT_EQ(std::string(mode == "--ro" ? "predict: " : "fix: ") +
+      EXPECT_EQ(std::string(ro ? "predict: " : "fix: ") +
                     outcomes[static_cast<int>(p.result.outcome)] +
                     (p.wouldCopyFrom.empty() ? "" : " " + p.wouldCopyFrom) +
                     (p.result.note.empty() ? "" : ": " + p.result.note) +
-                    "\nsession: " + readFile(tools.dir() + "/session"),
-                c.text({mode == "--ro" ? "predict" : "fix"}) +
-                    "session: " + c["session"] + (mode == "--ro" ? "" : c["written"]))
+                    "\nsession: " + readFile(tools.dir() + "/held"),
+                c.text({ro ? "predict" : "fix"}) + "session: " + c["session"] +
+                    (ro ? "" : c["written"]))
           << c.name;
-      EXPECT_EQ(tools.calls("guestfish"), (std::vector<std::vector<std::string>>{
-                                              {mode, "-a", disks[0], "-a", disks[1]}}));
+      EXPECT_EQ(tools.calls("guestfish"),
+                (std::vector<std::vector<std::string>>{
+                    {ro ? "--ro" : "--rw", "-a", disks[0], "-a", disks[1]}}));
       EXPECT_EQ(progress.finishes, 1) << c.name;
       // The appliance of a stopped guestfish must not outlive the fixer.
       const std::string appliance = readFile(tools.dir() + "/appliance");

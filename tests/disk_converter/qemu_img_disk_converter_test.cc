@@ -1,21 +1,19 @@
 #include "disk_converter/qemu_img_disk_converter.h"
 
-#include <chrono>
-
 #include "support/tables.h"
 
 namespace orvane::testing {
 namespace {
 
 // Both formats stated, paths with blanks as single arguments, the result as qemu-img
-// left it and its output through the observer; a pending stop ends the conversion,
-// so hours of copying never stand between a signal and the exit.
+// left it and its output through the observer. That a signal stops a conversion at
+// once is the program test's: it signals a run while its qemu-img sleeps.
 TEST(QemuImgDiskConverter, RunsQemuImgAndHandsBackItsResult) {
   FakeTools tools;
   tools.addRecording("qemu-img",
                      "printf '    (0.00/100%%)\\r    (100.00/100%%)\\r\\n'\n"
                      "echo \"qemu-img: Could not open '$7': No such file\" >&2\n"
-                     "[ -z \"$8\" ] && exec sleep 60\nexit 1");
+                     "exit 1");
   RecordingProgress progress;
   const CommandResult r = QemuImgDiskConverter().convert("/vm store/My VM/My VM.vmdk",
                                                          "/i/My VM.qcow2", &progress);
@@ -28,12 +26,6 @@ TEST(QemuImgDiskConverter, RunsQemuImgAndHandsBackItsResult) {
   EXPECT_EQ(r.stderrText,
             "qemu-img: Could not open '/vm store/My VM/My VM.vmdk': No such file\n");
   EXPECT_NE(progress.output.find(r.stdoutText), std::string::npos);
-
-  const auto started = std::chrono::steady_clock::now();
-  progress.stop = SIGTERM;
-  EXPECT_EQ(QemuImgDiskConverter(&progress.stop).convert("/a", "", nullptr).exitCode,
-            143);
-  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));
 }
 
 }  // namespace
