@@ -33,7 +33,7 @@ mkdir -p "$out" "$work/cwd" && cd "$work/cwd" || exit 1
 fail() { echo "FAIL [$id]: $*"; failed=1; }
 pools_under() { # NAME PATH of every pool whose directory lies under $work
   virsh pool-list --all --name | while read -r p; do
-    [ -n "$p" ] && case $(path_of "$p") in "$work"*) echo "$p $(path_of "$p")" ;; esac
+    [ -n "$p" ] && path=$(path_of "$p") && case $path in "$work"*) echo "$p $path" ;; esac
   done
 }
 
